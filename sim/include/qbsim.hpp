@@ -1,0 +1,138 @@
+// qbsim.hpp - control API of the simulated VISA bench (libvisa.so built from
+// sim/). Tests and tools link the same libvisa.so that libQBVISA.so.1 calls,
+// build a bench in code (or load one from a JSON bench file), then read each
+// chassis's state and byte-exact traffic and inject faults.
+//
+// The chassis are firmware models of the wire protocol: they decode request
+// frames (u16 command, u16 length, payload; little-endian) and answer as the
+// real controllers do. They never call libQBVISA.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qbsim {
+
+enum class Model : uint16_t {
+  RK420 = 1050,
+  RK420B = 1051,
+  RK421 = 1066,
+  RK422 = 1082,
+  RK423 = 1098,
+  RK423B = 1099,
+};
+
+const char *modelName(Model m);  // "RK420", ...
+int slotCount(Model m);          // 6, 6, 4, 21, 1, 1
+
+// A card position k (1..slotCount) in the identity reply (command 8).
+struct CardIdentity {
+  uint32_t serial = 0;      // 0 = no serial number set
+  uint8_t hwVersion = 10;   // tens = major, units = minor
+};
+
+struct ChassisConfig {
+  Model model = Model::RK420;
+  std::string maker = "QB";       // first "*IDN?" field ("QB", "Quelbrink")
+  std::string idnModel;           // model field; empty = modelName(model)
+  std::string idnSerial = "0";    // third field
+  std::string idnFirmware = "1.0";  // fourth field
+
+  // Command 11 (version query): pairs answered from reply byte 2 on.
+  // RK420/RK420B: the first pair is bytes 2/3; `versionInBytes45` answers the
+  // newer form, which carries the version in bytes 4/5 and 0.0 in 2/3.
+  std::vector<std::pair<uint8_t, uint8_t>> firmware = {{3, 6}};
+  bool versionInBytes45 = false;
+  std::pair<uint8_t, uint8_t> secondFirmware = {1, 2};  // command 49 (RK421)
+
+  // Command 8 (identity query).
+  uint32_t serial = 12345678;     // chassis serial number
+  uint8_t hwVersion = 31;
+  std::array<char, 2> idChars = {'A', '1'};
+  std::vector<CardIdentity> cards;  // positions 1..slotCount; missing = {}
+
+  // Presence: command 10 answers this 24-bit mask in bytes 2..4. Bit s
+  // (s < sub-matrix count) = sub-matrix s of the main matrix is fitted; on an
+  // RK420/RK420B bit 5 = a card in slot 1.
+  uint32_t presenceMask = 0;      // 0 = all sub-matrices fitted (default)
+  bool presenceMaskSet = false;   // true: use presenceMask as given
+  uint8_t slot1CardType = 0;      // command 17 reply byte 2
+  bool slot2Present = false;      // slot-2 presence query, reply byte 2 bit 0
+
+  // Administration state.
+  uint8_t controlMode = 1;        // 0 local, 1 remote (RK421)
+  std::array<uint8_t, 4> ip = {192, 168, 1, 10};
+  std::array<uint8_t, 4> gateway = {192, 168, 1, 1};
+  uint8_t lanMode = 0;
+  uint8_t gpibAddress = 5;
+  uint32_t baudRate = 115200;     // also the rate an ASRL chassis answers at
+
+  // Diagnostics (commands 80..82).
+  std::array<uint8_t, 4> boardInPlace = {1, 1, 1, 1};
+  std::array<uint8_t, 4> spiLoop = {1, 1, 1, 1};
+  bool rejectUpdate = false;      // command 98 answers "rejected"
+};
+
+enum class ResourceKind { Chassis, Foreign, Silent };
+
+struct Resource {
+  std::string name;               // e.g. "GPIB0::5::INSTR", "ASRL1::INSTR"
+  ResourceKind kind = ResourceKind::Chassis;
+  ChassisConfig chassis;          // for Chassis
+  std::string idn;                // for Foreign: the whole "*IDN?" answer
+};
+
+struct Bench {
+  std::vector<Resource> resources;
+};
+
+// Relay state decoded from relay-state frames (commands 19 and 67): a relay
+// is (board, bit group, bit); bit group = 16-bit word index in image order.
+struct Relay {
+  int board;
+  int group;
+  int bit;
+  bool operator==(const Relay &o) const {
+    return board == o.board && group == o.group && bit == o.bit;
+  }
+  bool operator<(const Relay &o) const;
+};
+
+struct TrafficEntry {
+  bool write;                     // true: host -> instrument
+  std::vector<uint8_t> bytes;
+};
+
+enum class Fault {
+  WriteFails,     // next viWrite returns VI_ERROR_IO
+  ReadFails,      // next viRead returns VI_ERROR_IO
+  FailureReply,   // next reply begins FF FF FF FF
+  ShortReply,     // next reply is 2 bytes long
+  Timeout,        // next viRead returns VI_ERROR_TMO
+  Vanish,         // instrument gone: every later call fails VI_ERROR_CONN_LOST
+};
+
+// The bench every VISA call sees. Functions are thread-safe.
+Bench defaultBench();               // built-in bench (see README)
+Bench loadBenchFile(const std::string &path);  // JSON bench file; throws
+                                               // std::runtime_error
+void setBench(const Bench &bench);  // replaces the bench, closes sessions
+const Bench &currentBench();        // loads $QBSIM_BENCH or the default once
+
+// State of a chassis by resource name (throws std::out_of_range if none).
+ChassisConfig chassisState(const std::string &resource);
+std::vector<Relay> closedRelays(const std::string &resource);  // sorted
+std::vector<TrafficEntry> traffic(const std::string &resource);
+std::vector<std::vector<uint8_t>> writes(const std::string &resource);
+void clearTraffic(const std::string &resource);
+void injectFault(const std::string &resource, Fault fault);
+// Bytes of the last firmware image the chassis accepted, and its byte sum.
+std::vector<uint8_t> firmwareImage(const std::string &resource);
+// Change state behind the library's back (front-panel actions, tests).
+void setControlMode(const std::string &resource, uint8_t mode);
+
+}  // namespace qbsim
