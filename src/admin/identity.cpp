@@ -1,0 +1,280 @@
+// identity.cpp - serial numbers of a chassis and its cards, card model names
+// and matrix sizes, and the firmware version refresh that the identity and
+// version calls run first.
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+
+#include "admin/admin_request.h"
+#include "qbvisa_lowlevel.h"
+
+namespace qbvisa::admin {
+
+int32_t RefreshFirmwareVersion(ChassisRecord *record, bool clearReply) {
+  BeginRequest(record, kVersionQuery);
+  if (clearReply) {
+    ClearReply(record);
+  }
+  const int32_t status = Exchange(record, kBareRequest);
+  if (status < 0) {
+    return status;
+  }
+  const uint8_t *reply = record->replyBuffer;
+  // Newer RK420/RK420B controllers report their version in bytes 4/5 and
+  // leave the older 2/3 pair for the boot loader.
+  if (IsRk420Family(record) && (reply[4] != 0 || reply[5] != 0)) {
+    record->firmwareMajor = reply[4];
+    record->firmwareMinor = reply[5];
+  } else {
+    record->firmwareMajor = reply[2];
+    record->firmwareMinor = reply[3];
+  }
+  return 0;
+}
+
+}  // namespace qbvisa::admin
+
+namespace {
+
+using namespace qbvisa::admin;
+
+constexpr uint32_t kSerialMin = 10000000;
+constexpr uint32_t kSerialMax = 99999999;
+// Entries of the serial-number list: the chassis and up to 29 cards.
+constexpr size_t kSerialListEntries = 30;
+// Names and sizes travel in 10-byte texts: at most 9 characters and a NUL.
+constexpr size_t kShortText = 10;
+// toInt() works on a 16-byte copy of its input; longer texts are refused
+// before they reach it (no eight-digit number needs more).
+constexpr size_t kMaxNumberText = 15;
+
+int32_t Lookup(uint32_t session, ChassisRecord **record) {
+  if (FindChassis(static_cast<int32_t>(session), record) < 0 ||
+      *record == nullptr) {
+    return QBVISA_ERR_HANDLE;
+  }
+  return 0;
+}
+
+bool IsNumberText(const char *text) {
+  return text != nullptr && std::strlen(text) <= kMaxNumberText &&
+         isdigitstr(text);
+}
+
+bool IsEightDigitSerial(uint32_t value) {
+  return value >= kSerialMin && value <= kSerialMax;
+}
+
+// Checks the two texts of a serial-number write: -10028 / -10032 or 0.
+int32_t CheckSerialTexts(const char *sn, const char *hw) {
+  if (!IsNumberText(sn)) {
+    return QBVISA_ERR_SN_INPUT;
+  }
+  if (!IsNumberText(hw)) {
+    return QBVISA_ERR_BAD_HW_NUMBER;
+  }
+  return 0;
+}
+
+// Serial number one byte per word, most significant first, then the low byte
+// of the hardware number.
+void PutSerial(ChassisRecord *record, uint32_t serial, uint32_t hw) {
+  PutWord(record->requestBuffer, 4, serial >> 24);
+  PutWord(record->requestBuffer, 6, (serial >> 16) & 0xFF);
+  PutWord(record->requestBuffer, 8, (serial >> 8) & 0xFF);
+  PutWord(record->requestBuffer, 10, serial & 0xFF);
+  PutWord(record->requestBuffer, 12, hw & 0xFF);
+}
+
+// Four serial-number bytes from every other reply byte, most significant at
+// `first`.
+uint32_t ReadSerial(const uint8_t *reply, size_t first) {
+  return static_cast<uint32_t>(reply[first]) << 24 |
+         static_cast<uint32_t>(reply[first + 2]) << 16 |
+         static_cast<uint32_t>(reply[first + 4]) << 8 |
+         static_cast<uint32_t>(reply[first + 6]);
+}
+
+const char *CardTypeName(int32_t code) {
+  static constexpr const char *kNames[] = {
+      "N7360",    "N7362",    "N7363",   "N7364",   "GX3",
+      "N7361-F",  "N7361-HH", "N7361-H", "N7361-H", "N7361-HH",
+      "N7361-FH", "K57",      "K63"};
+  if (code < 0 || static_cast<size_t>(code) >= std::size(kNames)) {
+    return "Unknown";
+  }
+  return kNames[code];
+}
+
+struct CardSize {
+  const char *name;
+  const char *size;
+};
+
+// "N7361-FF" has no card type code but keeps its size for callers that pass
+// the name themselves.
+constexpr CardSize kCardSizes[] = {
+    {"N7360", "12*10"},    {"GX3", "8*50"},      {"N7361-F", "8*50"},
+    {"N7361-FF", "16*50"}, {"N7361-FH", "16*50"}, {"N7361-HH", "16*50"},
+    {"N7361-H", "8*50"},   {"K57", "14*8"},      {"K63", "10*10"},
+    {"N7362", "10*12"},    {"N7363", "16*96"},   {"N7364", "8*12"},
+};
+
+}  // namespace
+
+extern "C" {
+
+QBVISA_EXPORT int32_t QBVISA_SetSN(uint32_t session, const char *sn,
+                                   const char *hw) {
+  ChassisRecord *record = nullptr;
+  const int32_t found = Lookup(session, &record);
+  if (found != 0) {
+    return found;
+  }
+  const int32_t bad = CheckSerialTexts(sn, hw);
+  if (bad != 0) {
+    return bad;
+  }
+  BeginRequest(record, kSetChassisSerial);
+  const uint32_t serial = toInt(sn);
+  if (!IsEightDigitSerial(serial)) {
+    return QBVISA_ERR_SN_INPUT;
+  }
+  PutSerial(record, serial, toInt(hw));
+  // Only the arguments are reported: the production tools write serial
+  // numbers blind, so a chassis that does not answer is not an error here.
+  if (Exchange(record, 24) < 0) {
+    return 0;
+  }
+  BeginRequest(record, kApplySettings);
+  (void)Exchange(record, kCommandWordOnly);
+  SLEEP(1);
+  return 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_GetSN(uint32_t session, uint32_t *list,
+                                   uint64_t count) {
+  if (list == nullptr && count != 0) {
+    return QBVISA_ERR_PARAMETER;
+  }
+  ChassisRecord *record = nullptr;
+  const int32_t found = Lookup(session, &record);
+  if (found != 0) {
+    return found;
+  }
+  uint32_t serials[kSerialListEntries] = {};
+  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  if (refreshed != 0) {
+    return refreshed;
+  }
+  BeginRequest(record, kIdentityQuery);
+  const int32_t status = Exchange(record, kBareRequest);
+  if (status < 0) {
+    return status;
+  }
+  if (FirmwareTooOld(record)) {
+    return QBVISA_ERR_NOT_SUPPORTED;
+  }
+  const uint8_t *reply = record->replyBuffer;
+  // A chassis whose serial was never written answers all ones.
+  serials[0] = ReadSerial(reply, 0);
+  if (!IsEightDigitSerial(serials[0])) {
+    return QBVISA_ERR_SN_UNSET;
+  }
+  // The local list bounds the cards read whatever the record claims.
+  const size_t cards = record->slotCount < kSerialListEntries
+                           ? record->slotCount
+                           : kSerialListEntries - 1;
+  for (size_t k = 1; k <= cards; ++k) {
+    const uint32_t serial = ReadSerial(reply, (k - 1) * 10 + 16);
+    if (serial == 0) {
+      continue;  // card without a serial number
+    }
+    if (!IsEightDigitSerial(serial)) {
+      return QBVISA_ERR_SN_UNSET;
+    }
+    serials[k] = serial;
+  }
+  // Never more than the local list holds, whatever count the caller passes.
+  const size_t copied = count < kSerialListEntries ? count : kSerialListEntries;
+  if (copied != 0) {
+    std::memcpy(list, serials, copied * sizeof serials[0]);
+  }
+  return 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
+                                       const char *hw, int32_t slot) {
+  ChassisRecord *record = nullptr;
+  const int32_t found = Lookup(session, &record);
+  if (found != 0) {
+    return found;
+  }
+  const int32_t bad = CheckSerialTexts(sn, hw);
+  if (bad != 0) {
+    return bad;
+  }
+  if (slot < 1 || slot > 6) {
+    return QBVISA_ERR_BAD_SLOT;
+  }
+  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  if (refreshed != 0) {
+    return refreshed;
+  }
+  if (FirmwareTooOld(record)) {
+    return QBVISA_ERR_NOT_SUPPORTED;
+  }
+  BeginRequest(record, static_cast<uint16_t>(kSetCardSerialBase + slot));
+  const uint32_t serial = toInt(sn);
+  if (!IsEightDigitSerial(serial)) {
+    return QBVISA_ERR_SN_INPUT;
+  }
+  PutSerial(record, serial, toInt(hw));
+  // Card serial frames are 20 bytes: the chassis reads no further. They
+  // take effect without the apply command.
+  const int32_t status = Exchange(record, 20);
+  return status < 0 ? status : 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_GetCardType(uint32_t session, uint32_t card,
+                                         char *name) {
+  if (name == nullptr) {
+    return QBVISA_ERR_PARAMETER;
+  }
+  ChassisRecord *record = nullptr;
+  const int32_t found = Lookup(session, &record);
+  if (found != 0) {
+    return found;
+  }
+  // Also refuses slots beyond the record's three, so the index below holds.
+  const int32_t present = IsBoardExists(record, card);
+  if (present < 0) {
+    return present;
+  }
+  char text[kShortText];
+  std::snprintf(text, sizeof text, "%s",
+                CardTypeName(static_cast<int32_t>(record->slots[card].matrixKind)));
+  std::memcpy(name, text, std::strlen(text) + 1);
+  return 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_GetCardSize(const char *name, char *size) {
+  if (size == nullptr) {
+    return QBVISA_ERR_PARAMETER;
+  }
+  const char *found = "Unknown";
+  if (name != nullptr) {
+    for (const CardSize &entry : kCardSizes) {
+      if (std::strcmp(name, entry.name) == 0) {
+        found = entry.size;
+        break;
+      }
+    }
+  }
+  char text[kShortText];
+  std::snprintf(text, sizeof text, "%s", found);
+  std::memcpy(size, text, std::strlen(text) + 1);
+  return 0;
+}
+
+}  // extern "C"
