@@ -53,6 +53,8 @@ struct ChassisConfig {
   uint32_t serial = 12345678;     // chassis serial number
   uint8_t hwVersion = 31;
   std::array<char, 2> idChars = {'A', '1'};
+  uint16_t typeCode = 0;          // type code in the identity reply (it also
+                                  // names the slot-2 card); 0 = the model's code
   std::vector<CardIdentity> cards;  // positions 1..slotCount; missing = {}
 
   // Presence: command 10 answers this 24-bit mask in bytes 2..4. Bit s
@@ -120,12 +122,16 @@ enum class Fault {
 Bench defaultBench();               // built-in bench (see README)
 Bench loadBenchFile(const std::string &path);  // JSON bench file; throws
                                                // std::runtime_error
+Bench parseBench(const std::string &document);  // same format; throws
+std::string benchToJson(const Bench &bench);     // what loadBenchFile reads
+void saveBenchFile(const Bench &bench, const std::string &path);
 void setBench(const Bench &bench);  // replaces the bench, closes sessions
 const Bench &currentBench();        // loads $QBSIM_BENCH or the default once
 
 // State of a chassis by resource name (throws std::out_of_range if none).
 ChassisConfig chassisState(const std::string &resource);
 std::vector<Relay> closedRelays(const std::string &resource);  // sorted
+// Traffic keeps the most recent 16384 entries of each resource.
 std::vector<TrafficEntry> traffic(const std::string &resource);
 std::vector<std::vector<uint8_t>> writes(const std::string &resource);
 void clearTraffic(const std::string &resource);
@@ -134,5 +140,18 @@ void injectFault(const std::string &resource, Fault fault);
 std::vector<uint8_t> firmwareImage(const std::string &resource);
 // Change state behind the library's back (front-panel actions, tests).
 void setControlMode(const std::string &resource, uint8_t mode);
+// Bit groups per board of the last relay-state frame (before the first
+// frame: what the model's controller expects).
+int groupsPerBoard(const std::string &resource);
 
 }  // namespace qbsim
+
+// Hooks for tools that may run on a vendor VISA, where they are absent: look
+// them up with dlsym. Both return -1 when `resource` is not a simulated chassis.
+extern "C" {
+// Fills at most max_triples (board, group, bit) triples of closed relays and
+// returns how many relays are closed.
+int qbsim_closed_relays(const char *resource, int32_t *triples, int max_triples);
+// Sets the board count and bit groups per board; returns 0.
+int qbsim_relay_geometry(const char *resource, int *boards, int *groups_per_board);
+}
