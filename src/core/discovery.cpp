@@ -110,10 +110,12 @@ ViAttrState findSerialRate(ViSession session, Identity *identity) {
   return 0;
 }
 
-// Copies at most `size` bytes; a name of exactly `size` characters is kept
-// without a terminator, as the resource list has always carried it.
+// Copies at most 64 bytes and zero-fills the rest; a name of 64 characters
+// is kept without a terminator, as the resource list has always carried it.
 void copyName(char *destination, const char *source) {
-  std::strncpy(destination, source, kNameSize);
+  const size_t length = strnlen(source, kNameSize);
+  std::memcpy(destination, source, length);
+  std::memset(destination + length, 0, kNameSize - length);
 }
 
 bool sameName(const char *stored, const char *wanted) {

@@ -123,8 +123,9 @@ QBVISA_EXPORT uint32_t toInt(const char *dotted) {
   if (dotted == nullptr) return 0;
   // Anything past 15 characters cannot be an address; it is cut off here.
   char work[kDottedWorkSize];
-  std::strncpy(work, dotted, sizeof work - 1);
-  work[sizeof work - 1] = '\0';
+  const size_t length = strnlen(dotted, sizeof work - 1);
+  std::memcpy(work, dotted, length);
+  work[length] = '\0';
   uint32_t value = 0;
   char *rest = nullptr;
   for (char *part = strtok_r(work, ".", &rest); part != nullptr;
