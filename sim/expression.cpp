@@ -122,7 +122,16 @@ bool matchSequence(const Sequence &seq, size_t index, const std::string &name, s
       return false;
     case Item::Class: {
       if (pos >= name.size()) return false;
-      const bool listed = item.list.find(folded(name[pos])) != std::string::npos;
+      const char c = folded(name[pos]);
+      bool listed = false;
+      for (size_t i = 0; i < item.list.size() && !listed; ++i) {
+        if (i + 2 < item.list.size() && item.list[i + 1] == '-') {
+          listed = item.list[i] <= c && c <= item.list[i + 2];
+          i += 2;
+        } else {
+          listed = item.list[i] == c;
+        }
+      }
       return listed != item.negated && rest(pos + 1);
     }
     case Item::Group: return matchAlternatives(*item.group, name, pos, rest);

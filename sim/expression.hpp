@@ -1,6 +1,6 @@
 // expression.hpp - VISA resource expressions as the bench's viFindRsrc
 // understands them: "?" any one character, "*" any run of characters,
-// "[abc]" / "[^abc]" one character of / not of a list, "(a|b)" and a top-level
+// "[a-c9]" / "[^a-c9]" one character of / not of a list, "(a|b)" and a top-level
 // "a|b" alternatives, "\" makes the next character ordinary. Letters match
 // regardless of case; the whole name must match.
 #pragma once
