@@ -1,0 +1,326 @@
+// Opening a slot (presence and geometry) and initialising a chassis.
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+
+#include "qbvisa_lowlevel.h"
+#include "switching/chassis_rules.h"
+
+namespace {
+
+using qbvisa::isRk420Family;
+
+constexpr uint16_t kIdentityQuery = 8;
+constexpr uint16_t kPresenceQuery = 10;
+constexpr uint16_t kVersionQuery = 11;
+constexpr uint16_t kCardTypeQuery = 17;
+// Slot 2 has a presence query of its own (bytes 0C 04 00 00 on the wire).
+constexpr uint16_t kSlot2PresenceQuery = 0x040C;
+
+constexpr int kSlotPositions = 21;
+constexpr uint8_t kAbsent = 0xFF;
+// Slot 1 takes cards only when the identity entry of card position 6 shows
+// hardware 1.0 or later.
+constexpr int32_t kSlot1Position = 6;
+constexpr uint8_t kSlot1MinimumHardware = 10;
+
+// Sends a request without payload from the record's buffers. The reply
+// buffer is cleared too, so that a short reply cannot be read together with
+// what an earlier exchange left behind.
+int32_t sendBareRequest(ChassisRecord &record, uint16_t command) {
+  std::memset(record.requestBuffer, 0, sizeof record.requestBuffer);
+  std::memset(record.replyBuffer, 0, sizeof record.replyBuffer);
+  const uint16_t header[2] = {command, 0};
+  std::memcpy(record.requestBuffer, header, sizeof header);
+  return SendRecvMsg(record.session, record.requestBuffer,
+                     qbvisa::kBareRequestBytes, record.replyBuffer);
+}
+
+// Newer RK420 controllers answer the version in bytes 4 and 5 and leave
+// bytes 2 and 3 for the older form.
+int32_t refreshFirmwareVersion(ChassisRecord &record) {
+  const int32_t status = sendBareRequest(record, kVersionQuery);
+  if (status < 0) return status;
+  const uint8_t *reply = record.replyBuffer;
+  const bool newForm = reply[4] != 0 || reply[5] != 0;
+  record.firmwareMajor = newForm ? reply[4] : reply[2];
+  record.firmwareMinor = newForm ? reply[5] : reply[3];
+  return 0;
+}
+
+void resetPresence(SlotArea &slot) {
+  std::memset(slot.cardPresent, kAbsent, sizeof slot.cardPresent);
+  std::memset(slot.subMatrixGroup, kAbsent, sizeof slot.subMatrixGroup);
+}
+
+// The main matrix: bit s of the 24-bit mask says sub-matrix s is fitted.
+// Entry n of subMatrixGroup names the n-th fitted sub-matrix, so the boards
+// of the relay frame are the fitted sub-matrices in order.
+int32_t readMainMatrixPresence(ChassisRecord &record) {
+  const int32_t status = sendBareRequest(record, kPresenceQuery);
+  if (status < 0) return status;
+  const uint8_t *reply = record.replyBuffer;
+  const uint32_t mask = reply[2] | uint32_t{reply[3]} << 8 |
+                        uint32_t{reply[4]} << 16;
+  SlotArea &slot = record.slots[0];
+  const int subs = std::min<int>(slot.subMatrixCount, kSlotPositions);
+  int fitted = 0;
+  for (int s = 0; s < subs; ++s) {
+    if ((mask >> s & 1u) == 0) continue;
+    slot.subMatrixGroup[fitted++] = static_cast<int8_t>(s);
+    slot.cardPresent[s] = 1;
+  }
+  return 0;
+}
+
+// Slot 1 of an RK420: the bits of reply byte 2 above the main matrix's
+// sub-matrices, up to the chassis's slot count.
+int32_t readSlot1Presence(ChassisRecord &record) {
+  const int32_t status = sendBareRequest(record, kPresenceQuery);
+  if (status < 0) return status;
+  const uint8_t flags = record.replyBuffer[2];
+  const int first = record.slots[0].subMatrixCount;
+  const int end = std::min<int>(record.slotCount, 8);
+  SlotArea &slot = record.slots[1];
+  int fitted = 0;
+  for (int b = first; b < end; ++b) {
+    if ((flags >> b & 1u) == 0) continue;
+    const int position = b - first;
+    if (position >= kSlotPositions) break;
+    slot.subMatrixGroup[fitted++] = static_cast<int8_t>(position);
+    slot.cardPresent[position] = 1;
+  }
+  return 0;
+}
+
+int32_t readSlot2Presence(ChassisRecord &record) {
+  const int32_t status = sendBareRequest(record, kSlot2PresenceQuery);
+  if (status < 0) return status;
+  if ((record.replyBuffer[2] & 1u) == 0) return 0;
+  SlotArea &slot = record.slots[2];
+  slot.subMatrixGroup[0] = 1;
+  std::memset(slot.cardPresent, 1, sizeof slot.cardPresent);
+  return 0;
+}
+
+struct MainGeometry {
+  uint16_t arrayWordLimit, rowCount, columnCount, subMatrixCount, groupCount,
+      wordsPerGroup, pointCount;
+};
+
+// The chassis's own matrix, by matrix kind. RK420 controllers before
+// firmware 2 drive 13 words per board and take fewer array words.
+int32_t setMainGeometry(ChassisRecord &record) {
+  SlotArea &slot = record.slots[0];
+  const bool firstGeneration = record.firmwareMajor <= 1;
+  MainGeometry g{};
+  switch (slot.matrixKind) {
+    case MATRIX_KIND_RK420:
+      g = {static_cast<uint16_t>(firstGeneration ? 19 : 32), 12, 10, 5, 5,
+           static_cast<uint16_t>(firstGeneration ? 13 : 12), 600};
+      slot.geometryWords[0] = 6;
+      slot.geometryWords[1] = 5;
+      break;
+    case MATRIX_KIND_RK421:
+      g = {15, 10, 12, 4, 4, 13, 480};
+      break;
+    case MATRIX_KIND_RK422:
+      g = {1008, 16, 96, 21, 21, 49, 32256};
+      break;
+    case MATRIX_KIND_RK423:
+      g = {3, 8, 12, 1, 1, 10, 96};
+      slot.ltIsolationCount = 2;
+      break;
+    default:
+      // Discovery gives slot 0 one of the four chassis kinds; anything else
+      // has no geometry to switch with.
+      return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  }
+  slot.arrayWordLimit = g.arrayWordLimit;
+  slot.rowCount = g.rowCount;
+  slot.columnCount = g.columnCount;
+  slot.subMatrixCount = g.subMatrixCount;
+  slot.groupCount = g.groupCount;
+  slot.wordsPerGroup = g.wordsPerGroup;
+  slot.pointCount = g.pointCount;
+  return 0;
+}
+
+struct CardGeometry {
+  uint8_t cardType;
+  uint32_t matrixKind;
+  uint16_t arrayWordLimit, rowCount, groupCount, wordsPerGroup, pointCount,
+      cardExtra;
+};
+
+constexpr CardGeometry kSlot1Cards[] = {
+    {0, MATRIX_KIND_GX4_TYPE0, 25, 16, 8, 20, 800, 0},
+    {1, MATRIX_KIND_GX4MIX, 25, 16, 4, 20, 800, 12},
+    {3, MATRIX_KIND_GX4_TYPE3, 25, 8, 4, 20, 400, 0},
+    {9, MATRIX_KIND_GX4CNEW_TYPE9, 25, 16, 4, 12, 800, 0},
+    {11, MATRIX_KIND_GX4CNEW_TYPE11, 25, 8, 2, 12, 400, 0},
+    {12, MATRIX_KIND_GX3, 13, 8, 4, 10, 400, 0},
+};
+
+int32_t openSlot1(ChassisRecord &record) {
+  if (isRk420Family(record) &&
+      GetSlotHW(&record, kSlot1Position) < kSlot1MinimumHardware)
+    return QBVISA_ERR_NOT_SUPPORTED;
+  const int32_t status = sendBareRequest(record, kCardTypeQuery);
+  if (status < 0) return status;
+  const uint8_t cardType = record.replyBuffer[2];
+  const auto card =
+      std::find_if(std::begin(kSlot1Cards), std::end(kSlot1Cards),
+                   [&](const CardGeometry &c) { return c.cardType == cardType; });
+  if (card == std::end(kSlot1Cards)) return QBVISA_ERR_RF_DEVICE_TYPE;
+  SlotArea &slot = record.slots[1];
+  slot.matrixKind = card->matrixKind;
+  slot.arrayWordLimit = card->arrayWordLimit;
+  slot.rowCount = card->rowCount;
+  slot.groupCount = card->groupCount;
+  slot.wordsPerGroup = card->wordsPerGroup;
+  slot.pointCount = card->pointCount;
+  slot.cardExtra = card->cardExtra;
+  slot.columnCount = 50;
+  slot.geometryWords[0] = 4;
+  slot.geometryWords[1] = 7;
+  slot.cardWords[0] = 13;
+  slot.cardWords[1] = 13;
+  slot.cardWordsFollowing[0] = 12;
+  slot.cardWordsFollowing[1] = 12;
+  return 0;
+}
+
+// Slot 2 holds the AP matrix matching the chassis it was built for; the
+// identity reply names that chassis type (bytes 10-11 from firmware 3.06 on,
+// bytes 6-7 before), most significant byte first.
+int32_t openSlot2(ChassisRecord &record) {
+  uint16_t subType = QBVISA_TYPE_RK420;
+  if (isRk420Family(record)) {
+    const int32_t status = sendBareRequest(record, kIdentityQuery);
+    if (status < 0) return status;
+    const int at = IsNewVer_3_06(&record) ? 10 : 6;
+    subType = static_cast<uint16_t>(record.replyBuffer[at] << 8 |
+                                    record.replyBuffer[at + 1]);
+  }
+  SlotArea &slot = record.slots[2];
+  if (subType == QBVISA_TYPE_RK420) {
+    slot.matrixKind = MATRIX_KIND_AP;
+    slot.pointCount = 112;
+  } else if (subType == QBVISA_TYPE_RK420B) {
+    slot.matrixKind = MATRIX_KIND_AP_420B;
+    slot.pointCount = 100;
+  } else {
+    return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  }
+  slot.arrayWordLimit = 4;
+  slot.subMatrixCount = 1;
+  slot.wordsPerGroup = 8;
+  return 0;
+}
+
+int32_t checkPresence(ChassisRecord *record, uint64_t slot) {
+  const int32_t status = BoardInPlaceHDW(record, slot);
+  if (status < 0) return status;
+  const int32_t exists = IsBoardExists(record, slot);
+  return exists < 0 ? exists : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+QBVISA_EXPORT int32_t BoardInPlaceHDW(ChassisRecord *record, uint64_t slot) {
+  if (record == nullptr || slot > 2) return QBVISA_ERR_PARAMETER;
+  resetPresence(record->slots[slot]);
+  std::memset(record->requestBuffer, 0, sizeof record->requestBuffer);
+  if (slot == 0) return readMainMatrixPresence(*record);
+  if (!isRk420Family(*record)) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  return slot == 1 ? readSlot1Presence(*record) : readSlot2Presence(*record);
+}
+
+QBVISA_EXPORT int32_t IsBoardExists(ChassisRecord *record, uint64_t slot) {
+  if (record == nullptr || slot > 2) return QBVISA_ERR_PARAMETER;
+  const SlotArea &area = record->slots[slot];
+  const bool anyPresent =
+      std::any_of(std::begin(area.cardPresent), std::end(area.cardPresent),
+                  [](uint8_t p) { return p < kAbsent; });
+  if (anyPresent) return 1;
+  static constexpr int32_t kMissing[3] = {QBVISA_ERR_NO_TYPE0_CARD,
+                                          QBVISA_ERR_NO_TYPE1_CARD,
+                                          QBVISA_ERR_NO_TYPE2_CARD};
+  return kMissing[slot];
+}
+
+QBVISA_EXPORT int32_t GetSlotHW(ChassisRecord *record, int32_t n) {
+  const int64_t at = (int64_t{n} - 1) * 10 + 24;
+  if (record == nullptr || at < 0 || at >= 200) return QBVISA_ERR_PARAMETER;
+  // Only the entry is wanted: a failed exchange reads as 0 from the cleared
+  // reply buffer.
+  sendBareRequest(*record, kIdentityQuery);
+  return record->replyBuffer[at];
+}
+
+QBVISA_EXPORT bool IsNewVer_3_06(const ChassisRecord *record) {
+  if (record == nullptr || record->firmwareMajor < 3) return false;
+  if (record->firmwareMajor == 3) return record->firmwareMinor > 5;
+  return true;
+}
+
+QBVISA_EXPORT int32_t QBVISA_OpenSpecifiedCard(uint32_t session, uint64_t slot,
+                                               uint64_t *kind) {
+  ChassisRecord *record = nullptr;
+  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
+      record == nullptr)
+    return QBVISA_ERR_HANDLE;
+  slot = qbvisa::effectiveSlot(*record, slot);
+  if (isRk420Family(*record)) {
+    const int32_t status = refreshFirmwareVersion(*record);
+    if (status < 0) return status;
+    // Controllers 2.0 to 2.6 cannot address slot 2.
+    if (slot == 2 && record->firmwareMajor == 2 && record->firmwareMinor < 7)
+      return QBVISA_ERR_NOT_SUPPORTED;
+  }
+  const int32_t present = checkPresence(record, slot);
+  if (present < 0) return present;  // also refuses slots above 2
+  if (kind != nullptr) *kind = slot;
+  if (slot == 0) return setMainGeometry(*record);
+  if (slot == 1) return openSlot1(*record);
+  return openSlot2(*record);
+}
+
+QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
+  ChassisRecord *record = nullptr;
+  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
+      record == nullptr)
+    return QBVISA_ERR_HANDLE;
+  slot = qbvisa::effectiveSlot(*record, slot);
+  InitPointInfo();
+  if (isRk420Family(*record)) {
+    const int32_t status = refreshFirmwareVersion(*record);
+    if (status < 0) return status;
+  }
+  // The RK421 refuses relay frames under front-panel control.
+  if (record->modelTypeCode == QBVISA_TYPE_RK421) {
+    uint32_t mode = 0;
+    int32_t status = QBVISA_GetControlMode(session, &mode);
+    if (status < 0) return status;
+    if (mode == 0) {
+      status = QBVISA_SetControlMode(session, 1);
+      if (status < 0) return status;
+    }
+  }
+  const int32_t cleared = QBVISA_Clear(session, slot);
+  return cleared < 0 ? cleared : 0;
+}
+
+QBVISA_EXPORT int32_t QBVISABoardInPlaceHDW(uint32_t session, uint64_t slot) {
+  ChassisRecord *record = nullptr;
+  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
+      record == nullptr)
+    return QBVISA_ERR_HANDLE;
+  return checkPresence(record, slot);
+}
+
+}  // extern "C"
