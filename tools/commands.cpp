@@ -88,6 +88,21 @@ uint32_t parseUnsigned(const std::string &text, const char *what) {
   return value;
 }
 
+std::string counted(long count, const std::string &noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string subMatrixCount(int count) {
+  return std::to_string(count) + (count == 1 ? " sub-matrix" : " sub-matrices");
+}
+
+// "ROW!COLUMN" of a switching-array bit.
+std::string pointName(const Geometry &geometry, size_t p) {
+  const int index = static_cast<int>(p);
+  return std::to_string(index / geometry.columns() + 1) + "!" +
+         std::to_string(index % geometry.columns() + 1);
+}
+
 std::string lowered(std::string text) {
   for (auto &c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
@@ -185,23 +200,39 @@ void change(Bench &bench, const std::string &resource,
   std::vector<bool> wanted = now.closed;
   int closing = 0, opening = 0;
   for (size_t p = 0; p < wanted.size(); ++p) {
-    if (toClose[p] && toOpen[p]) {
-      const int row = static_cast<int>(p) / geometry.columns() + 1;
-      const int column = static_cast<int>(p) % geometry.columns() + 1;
+    if (toClose[p] && toOpen[p])
       throw ToolError(QBVISA_ERR_POINT_DEFINITION,
-                      "point " + std::to_string(row) + "!" + std::to_string(column) +
-                          " is to be both closed and opened");
-    }
+                      "point " + pointName(geometry, p) + " is to be both closed and opened");
     if (toClose[p] && !wanted[p]) ++closing, wanted[p] = true;
     if (toOpen[p] && wanted[p]) ++opening, wanted[p] = false;
   }
   bench.apply(resource, wanted);
-  std::cout << resource << ": closed " << closing << ", opened " << opening << "; "
-            << std::count(wanted.begin(), wanted.end(), true)
-            << " crosspoints closed now\n";
-  if (!now.readBack)
+  const auto report = [&](long closedNow) {
+    std::cout << resource << ": " << closing << " to close, " << opening << " to open; "
+              << counted(closedNow, "crosspoint") << " closed now\n";
+  };
+  if (!now.readBack) {
+    report(std::count(wanted.begin(), wanted.end(), true));
     std::cout << "(the relays cannot be read back through this VISA: crosspoints "
                  "not switched by this process are open now)\n";
+    return;
+  }
+  // The library may accept a frame that leaves points out; say what the
+  // chassis really holds.
+  const MatrixState after = bench.state(resource);
+  report(after.closedCount());
+  std::vector<std::string> differing;
+  for (size_t p = 0; p < wanted.size(); ++p)
+    if (after.closed[p] != wanted[p])
+      differing.push_back(pointName(geometry, p) + (wanted[p] ? " open" : " closed"));
+  if (!differing.empty()) {
+    const size_t listed = std::min<size_t>(differing.size(), 8);
+    std::cout.flush();
+    std::cerr << "warning: the chassis does not hold " << differing.size()
+              << " of the wanted crosspoint states: "
+              << joined({differing.begin(), differing.begin() + static_cast<long>(listed)}, ", ")
+              << (listed < differing.size() ? ", ..." : "") << '\n';
+  }
 }
 
 void clear(Bench &bench, const std::string &resource) {
@@ -214,7 +245,7 @@ void show(Bench &bench, const std::string &resource, const PictureOptions &optio
   const MatrixState state = bench.state(resource);
   std::cout << modelOf(bench.record(resource)) << " " << resource << ": "
             << geometry.rows << " rows x " << geometry.columns() << " columns ("
-            << geometry.subMatrices << " sub-matrices of " << geometry.subColumns
+            << subMatrixCount(geometry.subMatrices) << " of " << geometry.subColumns
             << " columns), X = closed\n";
   std::cout << drawMatrix(geometry, state.closed, options);
   printStateSummary(geometry, state);
@@ -273,7 +304,7 @@ void info(Bench &bench, const std::string &resource) {
        }));
   line("matrix", std::to_string(geometry.rows) + " rows x " +
                      std::to_string(geometry.columns()) + " columns in " +
-                     std::to_string(geometry.subMatrices) + " sub-matrices");
+                     subMatrixCount(geometry.subMatrices));
   auto cardOf = [&](uint32_t slot) {
     return orRefusal([&] {
       if (slot > 0) {

@@ -35,11 +35,11 @@ int parseNumber(std::string_view text, std::string_view item,
   if (std::from_chars(text.data(), text.data() + text.size(), value).ec !=
       std::errc())
     value = kLargestNumber + 1LL;  // more digits than a long long holds
-  if (value < 1 || value > kLargestNumber)
+  if (value < 1)
+    throw PointListError(std::string(item), "rows and columns count from 1");
+  if (value > kLargestNumber)
     throw PointListError(std::string(item),
-                         std::string(what) + " " + std::string(text) +
-                             " is outside 1.." + std::to_string(kLargestNumber) +
-                             " (rows and columns count from 1)");
+                         std::string(what) + " " + std::string(text) + " is too large");
   return static_cast<int>(value);
 }
 
