@@ -1,0 +1,44 @@
+// Replays fuzz inputs (files, or every file of a directory) through the fuzz
+// target once, so the committed corpus is a regression test of every build.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+int main(int argc, char **argv) {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> inputs;
+  for (int i = 1; i < argc; ++i) {
+    if (fs::is_directory(argv[i])) {
+      for (const auto &entry : fs::directory_iterator(argv[i])) {
+        if (entry.is_regular_file()) inputs.push_back(entry.path());
+      }
+    } else {
+      inputs.emplace_back(argv[i]);
+    }
+  }
+  std::sort(inputs.begin(), inputs.end());
+  if (inputs.empty()) {
+    std::fprintf(stderr, "no inputs to replay\n");
+    return 1;
+  }
+  LLVMFuzzerInitialize(&argc, &argv);
+  for (const fs::path &path : inputs) {
+    std::ifstream file(path, std::ios::binary);
+    const std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(file)),
+                                     std::istreambuf_iterator<char>());
+    if (!file.good() && !file.eof()) {
+      std::fprintf(stderr, "cannot read %s\n", path.c_str());
+      return 1;
+    }
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+  }
+  std::printf("replayed %zu inputs\n", inputs.size());
+  return 0;
+}
