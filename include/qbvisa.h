@@ -344,6 +344,10 @@ QBVISA_EXPORT int32_t QBVISA_Clear(uint32_t session, uint64_t card);
 /*                     32-bit byte sum of the whole file); reply byte 2: 0  */
 /*                     accepted, else rejected; bytes 4..7: the chassis's   */
 /*                     own byte sum of what it received, little-endian      */
+/*                                                                          */
+/* Every call below checks its arguments first (-10038), then the session   */
+/* (-10023). A reply too short to carry the bytes a call reads counts as a  */
+/* failed read (-10005), never as a clean result.                           */
 /* ------------------------------------------------------------------------ */
 
 /* Runs the chassis's self-test for `slot` (0..2) and writes a one-line
@@ -351,30 +355,36 @@ QBVISA_EXPORT int32_t QBVISA_Clear(uint32_t session, uint64_t card);
  * "Self Test Pass", or "Self Test Fail:" followed by " board missing" and/or
  * " SPI loop broken". Returns 0 on a pass, -10014 when a board is missing,
  * -10018 when only an SPI loop is broken, -10038 for a slot above 2 or a
- * null text, -10023 for an unknown session, or the exchange's error. */
+ * null text, -10023 for an unknown session, or the exchange's error (then
+ * `text` is left as it was). A `length` of 0 writes nothing. */
 QBVISA_EXPORT int32_t QBVISA_SelfTest(uint32_t session, uint64_t slot,
                                       char *text, uint64_t length);
 /* 0 when board position `slot` (0..3, see command 81) answers, -10014 when
- * it does not, -10038 for a position above 3. */
+ * it does not, -10038 for a position above 3, -10023 for an unknown session,
+ * or the exchange's error. */
 QBVISA_EXPORT int32_t QBVISA_BoardInPlace(uint32_t session, uint64_t slot);
 /* Fills values[0..3] with the four board-in-place flags (1 present) and sets
- * *count to 4. */
+ * *count to 4. -10038 for a null pointer; on any error neither is written. */
 QBVISA_EXPORT int32_t QBVISA_BoardInPlaceInfo(uint32_t session,
                                               int32_t *values,
                                               uint32_t *count);
 /* Fills values[0..3] with the SPI loop-back result of the four chains of
  * `slot` (0..2; 1 loops back) and sets *count to 4. A broken loop is a
- * result, not an error: QBVISA_SelfTest turns it into -10018. */
+ * result, not an error: QBVISA_SelfTest turns it into -10018. -10038 for a
+ * slot above 2 or a null pointer; on any error neither is written. */
 QBVISA_EXPORT int32_t QBVISA_SPILoopTestInfo(uint32_t session, uint64_t slot,
                                              int32_t *values,
                                              uint32_t *count);
 /* Sends the firmware image in file `path` to the chassis: command 96 with
  * the size, the file in 1024-byte chunks (command 97), then command 98 with
  * the byte sum (checkSum). Returns 0 when the chassis accepts the image and
- * its own sum matches; -10015 when the file cannot be opened or read, -10038
- * for a null path or an empty file, -10019 when the chassis refuses a step
- * or its sum differs, or the exchange's error. The file is streamed through
- * a fixed buffer; nothing is allocated. */
+ * its own sum matches; -10015 when the file cannot be opened or read, is not
+ * a regular file, or shrinks while it is sent; -10038 for a null path, an
+ * empty file or one beyond the 32-bit size field; -10019 when the chassis
+ * refuses a step or its sum differs; or the exchange's error. Checks run in
+ * the order path, session, file, so nothing is sent for a file that cannot
+ * be used. A step that fails ends the update at once. The file is streamed
+ * through a fixed buffer; nothing is allocated. */
 QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path);
 
 #ifdef __cplusplus
