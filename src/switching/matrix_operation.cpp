@@ -87,7 +87,8 @@ QBVISA_EXPORT int32_t QBVISA_OpMatrix(uint32_t session, uint64_t slot,
       uint64_t{words} * sizeof(uint32_t), QBVISA_LAST_ARRAY_SIZE);
   if (bytes != 0)
     std::memcpy(record->slots[slot].lastArray, array, bytes);
-  currentOpSwitch = 0;
+  // Threads switching different chassis all write this flag.
+  __atomic_store_n(&currentOpSwitch, uint8_t{0}, __ATOMIC_RELAXED);
   return 0;
 }
 
