@@ -102,8 +102,10 @@ ViStatus Instrument::read(Session &s, uint8_t *bytes, size_t count, size_t &deli
   }
   const size_t left = s.reply.size() - s.replyRead;
   delivered = std::min(count, left);
-  std::memcpy(bytes, s.reply.data() + s.replyRead, delivered);
-  if (delivered > 0) log(false, bytes, delivered);
+  if (delivered > 0) {
+    std::memcpy(bytes, s.reply.data() + s.replyRead, delivered);
+    log(false, bytes, delivered);
+  }
   s.replyRead += delivered;
   if (delivered < left) return VI_SUCCESS_MAX_CNT;
   s.reply.clear();

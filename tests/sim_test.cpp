@@ -1,8 +1,7 @@
 // The simulated bench at the VISA level: raw bytes in, raw bytes out.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstring>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -480,6 +479,21 @@ TEST(BenchFile, RejectsWhatItCannotRead) {
     }
   }
   EXPECT_THROW(qbsim::loadBenchFile("/nonexistent/bench.json"), std::runtime_error);
+}
+
+// The bench named by QBSIM_BENCH is read on first use. Each case runs in a
+// freshly started copy of this program, so nothing has loaded a bench yet.
+TEST(BenchFileDeathTest, EnvironmentNamesTheBenchFile) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto firstUse = [](const std::string &path) {
+    setenv("QBSIM_BENCH", path.c_str(), 1);
+    ViSession rm = VI_NULL;
+    const ViStatus status = viOpenDefaultRM(&rm);
+    if (status != VI_SUCCESS) std::exit(status == VI_ERROR_SYSTEM_ERROR ? 3 : 1);
+    std::exit(static_cast<int>(qbsim::currentBench().resources.size()));
+  };
+  EXPECT_EXIT(firstUse(benchDir() + "/six-chassis.json"), ::testing::ExitedWithCode(6), "");
+  EXPECT_EXIT(firstUse(benchDir() + "/missing.json"), ::testing::ExitedWithCode(3), "missing.json");
 }
 
 }  // namespace

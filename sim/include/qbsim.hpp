@@ -119,14 +119,37 @@ enum class Fault {
 };
 
 // The bench every VISA call sees. Functions are thread-safe.
-Bench defaultBench();               // built-in bench (see README)
+//
+// Built-in bench (sim/benches/default.json holds the same): an RK420 on
+// "GPIB0::5::INSTR" (firmware 3.06, card type 0 in slot 1, slot 2 fitted), an
+// RK421 on "USB0::0x1A2B::0x0421::RK421001::INSTR", an RK422 on
+// "TCPIP0::192.168.1.22::inst0::INSTR", an RK423 on "ASRL1::INSTR" at 19200
+// baud and a foreign multimeter on "GPIB0::9::INSTR".
+//
+// Bench files are JSON:
+//   {"version": 1,
+//    "resources": [
+//      {"name": "GPIB0::5::INSTR", "kind": "chassis",
+//       "chassis": {"model": "RK420", "serial": 20420001, ...}},
+//      {"name": "GPIB0::9::INSTR", "kind": "foreign", "idn": "Acme,DMM-7,1,1.0\n"},
+//      {"name": "GPIB0::12::INSTR", "kind": "silent"}]}
+// "kind" defaults to "chassis". Every chassis member is optional and named as
+// in ChassisConfig; "model" is a model name or its type code, "idChars" a
+// two-character text, "ip"/"gateway" dotted texts, "firmware" a list of
+// [major, minor], "cards" a list of {"serial", "hwVersion"}; giving
+// "presenceMask" sets presenceMaskSet. Unknown members and other versions are
+// errors.
+Bench defaultBench();
 Bench loadBenchFile(const std::string &path);  // JSON bench file; throws
                                                // std::runtime_error
 Bench parseBench(const std::string &document);  // same format; throws
 std::string benchToJson(const Bench &bench);     // what loadBenchFile reads
 void saveBenchFile(const Bench &bench, const std::string &path);
 void setBench(const Bench &bench);  // replaces the bench, closes sessions
-const Bench &currentBench();        // loads $QBSIM_BENCH or the default once
+// Loads the file named by $QBSIM_BENCH (else the built-in bench) on first
+// use; throws std::runtime_error when that file is bad. The reference stays
+// valid until the next setBench.
+const Bench &currentBench();
 
 // State of a chassis by resource name (throws std::out_of_range if none).
 ChassisConfig chassisState(const std::string &resource);
