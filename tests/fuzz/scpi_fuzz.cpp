@@ -1,5 +1,5 @@
 // Fuzz target for the text-command path: the line matcher, the crosspoint
-// list parser and a whole query on simulated chassis. Built as a libFuzzer
+// list parser and a whole query and write on simulated chassis. Built as a libFuzzer
 // program (clang) or, with replay_main.cpp, as a program that replays the
 // committed corpus in the ordinary test run.
 #include <cstdint>
@@ -82,6 +82,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (size_t i = kReplySize; i < sizeof reply; ++i) {
     require(static_cast<uint8_t>(reply[i]) == 0xA5, "reply overran its buffer");
   }
+  // The same line as a write: its reply stays inside the chassis record.
+  QBVISA_SCPIWrite(session, line.c_str());
+  ChassisRecord *record = nullptr;
+  require(FindChassis(static_cast<int32_t>(session), &record) >= 0 &&
+              std::memchr(record->scpiReply, '\0', sizeof record->scpiReply) != nullptr,
+          "stored reply not terminated");
   qbsim::clearTraffic(kMatrixChassis);
   qbsim::clearTraffic(kOtherChassis);
   return 0;
