@@ -25,7 +25,8 @@ constexpr size_t kQueryReplySize = 400;
 constexpr size_t kImageBytes = 1500;
 constexpr int64_t kImageWords = kImageBytes / 4;
 constexpr int64_t kColumnsPerRow = 48;
-// The whole last array goes to the switching call, as 32-bit words.
+// The switching call is handed the whole last array, 1500 words, of which
+// the image is the first quarter; it stores what it is handed back there.
 constexpr size_t kLastArrayWords = QBVISA_LAST_ARRAY_SIZE / 4;
 // The version call writes one 10-byte text per firmware pair the chassis
 // lists, without a bound: up to 199 pairs fit a 400-byte reply.
@@ -100,13 +101,12 @@ void reset(uint32_t session, Caller caller, const Reply &reply) {
 // Switches the chassis to the image now held in slot 0's last array.
 void operate(uint32_t session, ChassisRecord *record, int32_t subunit,
              const Reply &reply) {
-  // A word-aligned copy of the whole last array; on success the switching
-  // call stores it back unchanged.
+  // Handed over as a word-aligned copy: the record keeps the array as bytes.
   uint32_t words[kLastArrayWords];
   std::memcpy(words, record->slots[0].lastArray, sizeof words);
-  const int32_t status = QBVISA_OpMatrix(
-      session, static_cast<uint64_t>(subunit), words,
-      static_cast<uint32_t>(kImageBytes));
+  const int32_t status =
+      QBVISA_OpMatrix(session, static_cast<uint64_t>(subunit), words,
+                      static_cast<uint32_t>(kLastArrayWords));
   if (status < 0) {
     putError(reply, status);
   } else {
