@@ -62,7 +62,8 @@ TEST(ControlModeTest, SetSendsOnlyWhenTheModeDiffers) {
       {"already remote", 1, 1, false, QBVISA_ERR_SAME_CONTROL_MODE, {kGetMode}},
       {"already local", 0, 0, false, QBVISA_ERR_SAME_CONTROL_MODE, {kGetMode}},
       // An unanswered query is no reason to skip the request.
-      {"query fails", 1, 1, true, 0, {kGetMode, {6, 0, 0, 0, 1, 0}}},
+      {"query fails, to remote", 1, 1, true, 0, {kGetMode, {6, 0, 0, 0, 1, 0}}},
+      {"query fails, to local", 0, 0, true, 0, {kGetMode, {6, 0, 0, 0, 0, 0}}},
       // Any value goes to the chassis; the word carries its low 16 bits.
       {"odd value", 1, 0x10007, false, 0, {kGetMode, {6, 0, 0, 0, 7, 0}}},
   };
@@ -125,7 +126,7 @@ TEST(ClearTest, PayloadLengthWrapsAt16Bits) {
   } cases[] = {
       {200, 200, 14464},  // 80000 bytes
       {128, 256, 0},      // 65536 bytes
-      {300, 300, 48928},  // 90000 words: 24464 after the product
+      {300, 300, 48928},  // 180000 bytes
       {1, 0, 0},
   };
   const Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK420));
