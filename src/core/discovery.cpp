@@ -153,6 +153,7 @@ extern "C" {
 
 QBVISA_EXPORT int32_t QBVISA_FindRsrc(QBVISA_ResourceEntry *list,
                                       uint32_t *count) {
+  // Refused before any VISA call, so a bad call leaves the registry as it was.
   if (list == nullptr || count == nullptr) return QBVISA_ERR_PARAMETER;
   *count = 0;
   if (defaultRM != 0) {
@@ -189,8 +190,8 @@ QBVISA_EXPORT int32_t QBVISA_FindRsrc(QBVISA_ResourceEntry *list,
     ViAttrState serialRate = 0;
     if (std::strncmp(resource, "ASRL", 4) == 0) {
       serialRate = findSerialRate(session, &identity);
-      // Also a serial instrument that answered at every rate, but never as
-      // one of ours: nothing more to learn from it.
+      // Silent, another maker's, or a failed write: whatever answered (or
+      // not) at the rates tried, close it and go on with the next resource.
       if (serialRate == 0) {
         viClose(session);
         continue;
