@@ -307,6 +307,10 @@ TEST_F(ToolTest, OpenReportsTheGeometryOfEachModel) {
     EXPECT_EQ(run.status, 0) << resource << ": " << run.err;
     EXPECT_NE(run.out.find(geometry), std::string::npos) << run.out;
   }
+  // A card slot of the RK420 shows the card, whether or not it initialises.
+  const ToolRun card = tool({"open", kRK420, "--slot", "1"});
+  EXPECT_TRUE(std::regex_search(card.out, std::regex("\n  card +N7361-HH, 16\\*50\n")))
+      << card.out;
 }
 
 TEST_F(ToolTest, InfoPrintsACompleteBlockForEveryChassis) {

@@ -127,14 +127,8 @@ ChassisRecord &Bench::record(const std::string &resource) {
 }
 
 Geometry Bench::matrix(const std::string &resource) {
-  const uint32_t handle = session(resource);
-  auto &known = chassis_[resource];
-  if (!known.matrixOpen) {
-    uint64_t opened = 0;
-    check(QBVISA_OpenSpecifiedCard(handle, 0, &opened), resource + " slot 0");
-    InitPointInfo();
-    known.matrixOpen = true;
-  }
+  session(resource);
+  if (!chassis_[resource].matrixOpen) openSlot(resource, 0);
   const ChassisRecord &chassis = record(resource);
   const SlotArea &slot = chassis.slots[0];
   Geometry geometry;
@@ -155,13 +149,20 @@ Geometry Bench::matrix(const std::string &resource) {
   return geometry;
 }
 
-void Bench::openAndInitialise(const std::string &resource, uint64_t slot) {
+uint64_t Bench::openSlot(const std::string &resource, uint64_t slot) {
   const uint32_t handle = session(resource);
-  const std::string where = resource + " slot " + std::to_string(slot);
   uint64_t opened = 0;
-  check(QBVISA_OpenSpecifiedCard(handle, slot, &opened), where);
-  check(QBVISA_Init(handle, slot), where);
-  if (slot == 0) chassis_[resource].matrixOpen = true;
+  check(QBVISA_OpenSpecifiedCard(handle, slot, &opened),
+        resource + " slot " + std::to_string(slot));
+  if (opened == 0) {
+    InitPointInfo();
+    chassis_[resource].matrixOpen = true;
+  }
+  return opened;
+}
+
+void Bench::initialise(const std::string &resource, uint64_t slot) {
+  check(QBVISA_Init(session(resource), slot), resource + " slot " + std::to_string(slot));
 }
 
 MatrixState Bench::state(const std::string &resource) {

@@ -76,8 +76,11 @@ class Bench {
   // Opens slot 0 and prepares the location tables, once per process, without
   // initialising: initialisation would open every relay.
   Geometry matrix(const std::string &resource);
-  // Opens `slot` and initialises it (every relay of the slot opens).
-  void openAndInitialise(const std::string &resource, uint64_t slot);
+  // Opens `slot`; returns the slot the library opened (single-matrix models
+  // always open slot 0).
+  uint64_t openSlot(const std::string &resource, uint64_t slot);
+  // Initialises an opened slot: every relay of the slot opens.
+  void initialise(const std::string &resource, uint64_t slot);
 
   MatrixState state(const std::string &resource);
   // Sets the whole matrix: exactly the flagged crosspoints closed.

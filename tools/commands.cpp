@@ -158,35 +158,35 @@ void scan(Bench &bench) {
 }
 
 void open(Bench &bench, const std::string &resource, uint64_t slot) {
-  bench.openAndInitialise(resource, slot);
+  const uint64_t opened = bench.openSlot(resource, slot);
   const ChassisRecord &record = bench.record(resource);
-  std::cout << modelOf(record) << " " << resource << " slot " << slot
-            << " opened and initialised, every relay open\n";
-  if (slot == 0 || record.modelTypeCode == QBVISA_TYPE_RK421 ||
-      record.modelTypeCode == QBVISA_TYPE_RK422 ||
-      record.modelTypeCode == QBVISA_TYPE_RK423) {
+  std::cout << modelOf(record) << " " << resource << " slot " << opened << '\n';
+  if (opened == 0) {
     const Geometry geometry = bench.matrix(resource);
-    std::vector<int> fitted;
+    std::vector<std::string> fitted;
     for (int n = 0; n < geometry.subMatrices; ++n)
-      if (geometry.subMatrixBoard[n] >= 0) fitted.push_back(n + 1);
-    std::vector<std::string> fittedText;
-    for (int n : fitted) fittedText.push_back(std::to_string(n));
+      if (geometry.subMatrixBoard[n] >= 0) fitted.push_back(std::to_string(n + 1));
     printTable({{"  matrix", std::to_string(geometry.rows) + " rows x " +
                                  std::to_string(geometry.columns()) + " columns, " +
                                  std::to_string(geometry.points()) + " crosspoints"},
                 {"  sub-matrices", std::to_string(geometry.subMatrices) + " of " +
                                        std::to_string(geometry.subColumns) +
-                                       " columns, fitted: " + joined(fittedText, " ")},
+                                       " columns, fitted: " + joined(fitted, " ")},
                 {"  relay frame", std::to_string(record.slots[0].groupCount) +
                                       " boards x " +
                                       std::to_string(geometry.wordsPerGroup) + " words"}});
-    return;
+  } else {
+    const SlotArea &card = record.slots[opened];
+    char name[16] = {}, size[16] = {};
+    check(QBVISA_GetCardType(bench.session(resource), static_cast<uint32_t>(opened), name));
+    QBVISA_GetCardSize(name, size);
+    printTable({{"  card", std::string(name) + ", " + size},
+                {"  matrix", std::to_string(card.rowCount) + " rows x " +
+                                 std::to_string(card.columnCount) + " columns, " +
+                                 std::to_string(card.pointCount) + " points"}});
   }
-  const SlotArea &card = record.slots[slot];
-  printTable({{"  card kind", std::to_string(card.matrixKind)},
-              {"  matrix", std::to_string(card.rowCount) + " rows x " +
-                               std::to_string(card.columnCount) + " columns, " +
-                               std::to_string(card.pointCount) + " points"}});
+  bench.initialise(resource, opened);
+  std::cout << "  initialised: every relay of the slot open\n";
 }
 
 void change(Bench &bench, const std::string &resource,

@@ -48,12 +48,17 @@ void interactive(uint32_t session, const std::string &prompt) {
   stifle_history(1000);
   if (!history.empty()) read_history(history.c_str());
   std::cout << "text commands to the chassis; quit or Ctrl-D ends\n";
-  while (char *raw = readline(prompt.c_str())) {
+  for (;;) {
+    char *raw = readline(prompt.c_str());
+    if (raw == nullptr) {
+      std::cout << '\n';  // Ctrl-D leaves the cursor after the prompt
+      break;
+    }
     const std::string line = trimmed(raw);
     std::free(raw);
     if (line.empty()) continue;
-    add_history(line.c_str());
     if (isQuit(line)) break;
+    add_history(line.c_str());
     query(session, line);
   }
   if (!history.empty()) write_history(history.c_str());

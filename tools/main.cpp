@@ -48,6 +48,14 @@ Switching state
   clear and show do not initialise the chassis; `open` does, and that opens
   every relay of the slot.
 
+Example: build a state step by step and look at it
+  qbvisa batch <<'EOF'
+  open GPIB0::5::INSTR
+  close GPIB0::5::INSTR 1!1:4!4
+  release GPIB0::5::INSTR 2!2
+  show GPIB0::5::INSTR
+  EOF
+
 Exit status
   0 done; 1 the library or the chassis refused, with "error CODE: TEXT" on
   standard error (TEXT is the library's message for CODE); 2 wrong usage.
@@ -161,7 +169,8 @@ int Tool::run(std::vector<std::string> words, bool inBatch) {
   auto *showCmd = app.add_subcommand(
       "show", "Draw the matrix: X closed, . open, - sub-matrix not fitted; count the "
               "closed relays against the model's closure limit (400 RK420/RK420B, "
-              "270 RK421).");
+              "270 RK421). Read back from the chassis on the simulated bench; "
+              "elsewhere what this process switched.");
   addResource(showCmd);
   auto addPictureOptions = [&](CLI::App *cmd) {
     cmd->add_option("--width", picture.width, "line width (default: the terminal's)")
