@@ -50,8 +50,10 @@ TEST(SetSN, LookupFirstThenTextsAndNoTraffic) {
       {"", "3", QBVISA_ERR_SN_INPUT},
       {nullptr, "3", QBVISA_ERR_SN_INPUT},
       {"00000000000012345678", "3", QBVISA_ERR_SN_INPUT},  // too long to convert
+      {"4307312974", "3", QBVISA_ERR_SN_INPUT},  // 2^32 + 12345678 must not wrap
       {"12345678", "3x", QBVISA_ERR_BAD_HW_NUMBER},
       {"12345678", nullptr, QBVISA_ERR_BAD_HW_NUMBER},
+      {"12345678", "4294967299", QBVISA_ERR_BAD_HW_NUMBER},
   };
   for (const auto &[sn, hw, expected] : cases) {
     SCOPED_TRACE(sn == nullptr ? "(null)" : sn);

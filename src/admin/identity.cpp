@@ -56,9 +56,27 @@ int32_t Lookup(uint32_t session, ChassisRecord **record) {
   return 0;
 }
 
+// Nine digits always fit the int that toInt() folds into; more could wrap
+// around into the range of a valid serial number.
+constexpr size_t kMaxSignificantDigits = 9;
+
 bool IsNumberText(const char *text) {
   return text != nullptr && std::strlen(text) <= kMaxNumberText &&
          isdigitstr(text);
+}
+
+size_t SignificantDigits(const char *text) {
+  while (*text == '0') {
+    ++text;
+  }
+  return std::strlen(text);
+}
+
+// Value of an all-digit text; UINT32_MAX (out of every range here) when it
+// has too many digits to convert exactly.
+uint32_t DecimalValue(const char *text) {
+  return SignificantDigits(text) > kMaxSignificantDigits ? UINT32_MAX
+                                                         : toInt(text);
 }
 
 bool IsEightDigitSerial(uint32_t value) {
@@ -70,7 +88,7 @@ int32_t CheckSerialTexts(const char *sn, const char *hw) {
   if (!IsNumberText(sn)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  if (!IsNumberText(hw)) {
+  if (!IsNumberText(hw) || SignificantDigits(hw) > kMaxSignificantDigits) {
     return QBVISA_ERR_BAD_HW_NUMBER;
   }
   return 0;
@@ -136,11 +154,11 @@ QBVISA_EXPORT int32_t QBVISA_SetSN(uint32_t session, const char *sn,
     return bad;
   }
   BeginRequest(record, kSetChassisSerial);
-  const uint32_t serial = toInt(sn);
+  const uint32_t serial = DecimalValue(sn);
   if (!IsEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  PutSerial(record, serial, toInt(hw));
+  PutSerial(record, serial, DecimalValue(hw));
   // Only the arguments are reported: the production tools write serial
   // numbers blind, so a chassis that does not answer is not an error here.
   if (Exchange(record, 24) < 0) {
@@ -225,11 +243,11 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
     return QBVISA_ERR_NOT_SUPPORTED;
   }
   BeginRequest(record, static_cast<uint16_t>(kSetCardSerialBase + slot));
-  const uint32_t serial = toInt(sn);
+  const uint32_t serial = DecimalValue(sn);
   if (!IsEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  PutSerial(record, serial, toInt(hw));
+  PutSerial(record, serial, DecimalValue(hw));
   // Card serial frames are 20 bytes: the chassis reads no further. They
   // take effect without the apply command.
   const int32_t status = Exchange(record, 20);
