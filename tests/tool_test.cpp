@@ -163,6 +163,8 @@ TEST_F(ToolTest, FailuresPrintTheLibraryMessageWithItsCodeAndExitNonZero) {
       {{"close", kRK421, "1!49"}, "error -10008: Matrix column value out of range"},
       {{"switch", kRK423, "--close", "1!1:2!2", "--open", "2!2"},
        "error -10021: Point Definition Error"},
+      {{"close", kRK420, "1!1:12!50"}, "error -10030: Relay Closure Limit Exceeded"},
+      {{"close", kRK421, "1!1:10!48"}, "error -10030: Relay Closure Limit Exceeded"},
   };
   for (const auto &c : cases) {
     const ToolRun run = tool(c.args);

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <iostream>
-#include <sstream>
+#include <utility>
 
 #include <qbvisa.h>
 #include <qbvisa_lowlevel.h>
@@ -213,8 +213,10 @@ void change(Bench &bench, const std::string &resource,
   };
   if (!now.readBack) {
     report(std::count(wanted.begin(), wanted.end(), true));
-    std::cout << "(the relays cannot be read back through this VISA: crosspoints "
-                 "not switched by this process are open now)\n";
+    static bool told = false;  // once per process is enough
+    if (!std::exchange(told, true))
+      std::cout << "(the relays cannot be read back through this VISA: crosspoints "
+                   "not switched by this process are open now)\n";
     return;
   }
   // The library may accept a frame that leaves points out; say what the
