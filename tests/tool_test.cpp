@@ -64,10 +64,17 @@ class ToolTest : public ::testing::Test {
     ASSERT_TRUE(fs::exists(toolPath())) << "build the qbvisa tool first: " << toolPath();
   }
 
-  // Runs the tool on the built-in bench with `input` on standard input.
-  static ToolRun tool(const std::vector<std::string> &args, const std::string &input = "") {
+  // Runs the tool with `input` on standard input, on the built-in bench or on
+  // the bench described by `benchJson`.
+  static ToolRun tool(const std::vector<std::string> &args, const std::string &input = "",
+                      const std::string &benchJson = "") {
     std::ofstream(scratch_ / "in") << input;
-    std::string command = "env -u QBSIM_BENCH " + quoted(toolPath());
+    std::string command = "env -u QBSIM_BENCH ";
+    if (!benchJson.empty()) {
+      std::ofstream(scratch_ / "bench.json") << benchJson;
+      command += "QBSIM_BENCH=" + quoted(scratch_ / "bench.json") + " ";
+    }
+    command += quoted(toolPath());
     for (const auto &arg : args) command += " " + quoted(arg);
     command += " <" + quoted(scratch_ / "in") + " >" + quoted(scratch_ / "out") + " 2>" +
                quoted(scratch_ / "err");
@@ -269,6 +276,30 @@ TEST_F(ToolTest, ShowMarksExactlyTheClosedCrosspointsOnEveryModel) {
                                                       std::regex_replace(c.relayLine, std::regex(R"([()])"), R"(\$&)"))))
         << run.out;
   }
+}
+
+TEST_F(ToolTest, SubMatricesThatAreNotFittedAreDrawnEmptyAndRefused) {
+  // Sub-matrices 1, 3 and 5 fitted: the matrix's sub-matrices 1..3 are
+  // served by boards 0, 2 and 4, sub-matrices 4 and 5 are missing.
+  const std::string bench = R"({"version": 1, "resources": [{"name": "GPIB0::5::INSTR",
+      "kind": "chassis", "chassis": {"model": "RK420", "presenceMask": 21}}]})";
+  const ToolRun open = tool({"open", kRK420}, "", bench);
+  EXPECT_NE(open.out.find("3 fitted, on boards 0 2 4"), std::string::npos) << open.out;
+
+  const ToolRun run = tool({"close", kRK420, "1!1,2!12,12!30,3!21:4!22", "--show"}, "", bench);
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(closedInPicture(run.out),
+            joined({{{1, 1}, {2, 12}, {12, 30}}, rectangle(3, 21, 4, 22)}))
+      << run.out;
+  EXPECT_NE(run.out.find("\n12  .......... .......... .........X ---------- ----------\n"),
+            std::string::npos)
+      << run.out;
+
+  const ToolRun refused = tool({"close", kRK420, "1!1,1!31"}, "", bench);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("error -10013: Can not found physics location"),
+            std::string::npos)
+      << refused.err;
 }
 
 TEST_F(ToolTest, StateBuildsUpAcrossCommandsOfOneBatch) {

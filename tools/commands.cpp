@@ -163,15 +163,17 @@ void open(Bench &bench, const std::string &resource, uint64_t slot) {
   std::cout << modelOf(record) << " " << resource << " slot " << opened << '\n';
   if (opened == 0) {
     const Geometry geometry = bench.matrix(resource);
-    std::vector<std::string> fitted;
+    std::vector<std::string> boards;
     for (int n = 0; n < geometry.subMatrices; ++n)
-      if (geometry.subMatrixBoard[n] >= 0) fitted.push_back(std::to_string(n + 1));
+      if (geometry.subMatrixBoard[n] >= 0)
+        boards.push_back(std::to_string(geometry.subMatrixBoard[n]));
     printTable({{"  matrix", std::to_string(geometry.rows) + " rows x " +
                                  std::to_string(geometry.columns()) + " columns, " +
                                  std::to_string(geometry.points()) + " crosspoints"},
                 {"  sub-matrices", std::to_string(geometry.subMatrices) + " of " +
-                                       std::to_string(geometry.subColumns) +
-                                       " columns, fitted: " + joined(fitted, " ")},
+                                       std::to_string(geometry.subColumns) + " columns, " +
+                                       std::to_string(boards.size()) +
+                                       " fitted, on boards " + joined(boards, " ")},
                 {"  relay frame", std::to_string(record.slots[0].groupCount) +
                                       " boards x " +
                                       std::to_string(geometry.wordsPerGroup) + " words"}});
