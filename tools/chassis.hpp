@@ -76,12 +76,14 @@ class Bench {
   // Opens slot 0 and prepares the location tables, once per process, without
   // initialising: initialisation would open every relay.
   Geometry matrix(const std::string &resource);
-  // Opens `slot`; returns the slot the library opened (single-matrix models
-  // always open slot 0).
+  // Opens `slot`; returns the slot the library opened (the RK421, RK422 and
+  // RK423 have slot 0 only).
   uint64_t openSlot(const std::string &resource, uint64_t slot);
   // Initialises an opened slot: every relay of the slot opens.
   void initialise(const std::string &resource, uint64_t slot);
 
+  // Crosspoints closed now: read back where the VISA allows it, else what
+  // this process switched last.
   MatrixState state(const std::string &resource);
   // Sets the whole matrix: exactly the flagged crosspoints closed.
   void apply(const std::string &resource, const std::vector<bool> &closed);
