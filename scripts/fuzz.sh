@@ -13,7 +13,6 @@ cmake -S . -B build-fuzz -G Ninja \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQBVISA_BUILD_FUZZ=ON -DQBVISA_BUILD_BENCH=OFF -DQBVISA_WERROR=OFF \
-  -DCMAKE_SKIP_INSTALL_RULES=ON \
   "-DQBVISA_SANITIZE=address,undefined" >/dev/null
 cmake --build build-fuzz --target scpi_fuzz --parallel "$(nproc)"
 mkdir -p build-fuzz/scpi-corpus fuzz-out
