@@ -3,203 +3,159 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
-#include <tuple>
-#include <vector>
+#include <optional>
 
 #include "support/admin_bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
 
-using admin_bench::Commands;
-using admin_bench::ConnectOne;
-using admin_bench::kUnknownSession;
+using namespace admin_bench;
 using qbsim::Model;
+using Texts = std::vector<std::string>;
 using Version = std::pair<uint8_t, uint8_t>;
 
 const std::string kName = "USB0::0x1234::0x0420::QB0001::INSTR";
 
-// A list of 10-byte text slots, prefilled so that untouched slots show.
-struct SlotList {
-  std::vector<char> bytes = std::vector<char>(400, '#');
-  char *data() { return bytes.data(); }
-  std::string at(size_t slot) const { return std::string(&bytes[slot * 10], strnlen(&bytes[slot * 10], 10)); }
-  bool untouched(size_t slot) const { return bytes[slot * 10] == '#'; }
-};
-
-qbsim::Resource Chassis(Model model, std::vector<Version> firmware = {{3, 6}}) {
-  qbsim::Resource resource = admin_bench::Chassis(kName, model);
+uint32_t Connect(Model model, std::vector<Version> firmware = {{3, 6}}, uint32_t serial = 12345678,
+                 bool versionInBytes45 = false) {
+  qbsim::Resource resource = Chassis(kName, model);
   resource.chassis.firmware = std::move(firmware);
-  return resource;
+  resource.chassis.serial = serial;
+  resource.chassis.idChars = {'Q', '7'};
+  resource.chassis.versionInBytes45 = versionInBytes45;
+  return ConnectOne(resource);
+}
+
+// The texts of a list of 10-byte slots up to the first slot left unwritten.
+Texts Written(const char (&list)[400]) {
+  Texts texts;
+  for (const char *slot = list; slot < list + 400 && *slot != '#'; slot += 10) {
+    texts.emplace_back(slot, strnlen(slot, 10));
+  }
+  return texts;
 }
 
 TEST(GetSWVersion, ByModel) {
-  struct Case {
+  const struct {
     Model model;
     std::vector<Version> firmware;
-    std::vector<std::string> expected;
-    std::vector<uint16_t> sent;
-  };
-  const Case cases[] = {
-      {Model::RK420, {{3, 6}}, {"3.06"}, {11}},
-      {Model::RK420B, {{16, 0}}, {"10.00"}, {11}},
-      // Main controller (11) and second controller (49): exactly two slots.
-      {Model::RK421, {{3, 6}, {4, 4}}, {"3.06", "1.02"}, {11, 49}},
+    Texts expected;
+    std::vector<uint16_t> sent = {11};
+    bool versionInBytes45 = false;
+  } cases[] = {
+      {Model::RK420, {{3, 6}}, {"3.06"}},
+      {Model::RK420B, {{16, 0}}, {"10.00"}},
+      {Model::RK420B, {{3, 10}}, {"3.0a"}, {11}, true},  // newer controllers: bytes 4 and 5
+      {Model::RK421, {{3, 6}, {4, 4}}, {"3.06", "1.02"}, {11, 49}},  // main and second controller
       // One slot per pair; the first pair with a zero byte ends the list.
-      {Model::RK422, {{3, 6}, {2, 1}, {0x1F, 0x20}, {4, 0}, {5, 5}}, {"3.06", "2.01", "1f.20"}, {11}},
-      {Model::RK423, {{0, 6}}, {}, {11}},
+      {Model::RK422, {{3, 6}, {2, 1}, {0x1F, 0x20}, {4, 0}, {5, 5}}, {"3.06", "2.01", "1f.20"}},
+      {Model::RK423, {{0, 6}}, {}},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(qbsim::modelName(c.model));
-    const uint32_t session = ConnectOne(Chassis(c.model, c.firmware));
-    SlotList list;
-    ASSERT_EQ(QBVISA_GetSWVersion(session, list.data(), 0), 0);
-    for (size_t i = 0; i < c.expected.size(); ++i) EXPECT_EQ(list.at(i), c.expected[i]);
-    EXPECT_TRUE(list.untouched(c.expected.size()));
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << "row " << &c - cases);
+    char list[400];
+    std::memset(list, '#', sizeof list);
+    ASSERT_EQ(QBVISA_GetSWVersion(Connect(c.model, c.firmware, 12345678, c.versionInBytes45), list, 0), 0);
+    EXPECT_EQ(Written(list), c.expected);
     EXPECT_EQ(Commands(kName), c.sent);
   }
 }
 
-TEST(GetSWVersion, NewerRk420ReportsInBytesFourAndFive) {
-  qbsim::Resource resource = Chassis(Model::RK420B, {{3, 10}});
-  resource.chassis.versionInBytes45 = true;
-  const uint32_t session = ConnectOne(resource);
-  SlotList list;
-  ASSERT_EQ(QBVISA_GetSWVersion(session, list.data(), 0), 0);
-  EXPECT_EQ(list.at(0), "3.0a");
-
-  qbsim::injectFault(kName, qbsim::Fault::ReadFails);
-  EXPECT_EQ(QBVISA_GetSWVersion(session, list.data(), 0), QBVISA_ERR_RECEIVE);
-  EXPECT_EQ(QBVISA_GetSWVersion(kUnknownSession, list.data(), 0), QBVISA_ERR_HANDLE);
-}
-
 TEST(GetHWVersion, ChassisThenEveryCardPosition) {
-  qbsim::Resource resource = Chassis(Model::RK422);
+  qbsim::Resource resource = Chassis(kName, Model::RK422);
   resource.chassis.hwVersion = 31;
-  resource.chassis.cards.resize(21);
+  resource.chassis.cards.resize(21);  // 10 unless set: "1.0"
   resource.chassis.cards[0].hwVersion = 5;
   resource.chassis.cards[1].hwVersion = 123;  // hexadecimal major from 100 up
-  resource.chassis.cards[20].hwVersion = 255;
-  const uint32_t session = ConnectOne(resource);
-  SlotList list;
-  ASSERT_EQ(QBVISA_GetHWVersion(session, list.data(), 1), 0);
-  EXPECT_EQ(list.at(0), "3.1");
-  EXPECT_EQ(list.at(1), "0.5");
-  EXPECT_EQ(list.at(2), "c.3");
-  EXPECT_EQ(list.at(3), "1.0");
-  EXPECT_EQ(list.at(21), "19.5");
-  EXPECT_TRUE(list.untouched(22));  // 22 slots, 220 bytes
+  resource.chassis.cards[20].hwVersion = 195;
+  char list[400];
+  std::memset(list, '#', sizeof list);
+  ASSERT_EQ(QBVISA_GetHWVersion(ConnectOne(resource), list, 1), 0);
+  Texts expected(22, "1.0");
+  expected[0] = "3.1", expected[1] = "0.5", expected[2] = "c.3", expected[21] = "13.5";
+  EXPECT_EQ(Written(list), expected);
   EXPECT_EQ(Commands(kName), (std::vector<uint16_t>{11, 8}));
-
-  for (const auto &[model, slots] : {std::pair{Model::RK420, 7}, std::pair{Model::RK421, 5},
-                                     std::pair{Model::RK423B, 2}}) {
-    const uint32_t other = ConnectOne(Chassis(model));
-    SlotList shorter;
-    ASSERT_EQ(QBVISA_GetHWVersion(other, shorter.data(), 0), 0);
-    EXPECT_FALSE(shorter.untouched(slots - 1)) << qbsim::modelName(model);
-    EXPECT_TRUE(shorter.untouched(slots)) << qbsim::modelName(model);
+  for (const auto &[model, slots] : {std::pair{Model::RK420, 7u}, {Model::RK421, 5u}, {Model::RK423B, 2u}}) {
+    std::memset(list, '#', sizeof list);
+    ASSERT_EQ(QBVISA_GetHWVersion(Connect(model), list, 0), 0);
+    EXPECT_EQ(Written(list).size(), slots) << qbsim::modelName(model);
   }
-}
-
-TEST(GetHWVersion, ReadsTheReplyWhateverTheIdentityQueryReports) {
+  // The identity reply is read whatever the exchange reports: a dropped
+  // answer yields the cleared buffer's zeros.
   wire_tap::Scope tap;
-  const uint32_t session = ConnectOne(Chassis(Model::RK423));
+  const uint32_t session = Connect(Model::RK423);
   wire_tap::onWrite = [](std::vector<uint8_t> &frame) {
     if (frame[0] == 8) qbsim::injectFault(kName, qbsim::Fault::ReadFails);
   };
-  SlotList list;
-  EXPECT_EQ(QBVISA_GetHWVersion(session, list.data(), 0), 0);
-  EXPECT_EQ(list.at(0), "0.0");
-  EXPECT_EQ(list.at(1), "0.0");
+  EXPECT_EQ(QBVISA_GetHWVersion(session, list, 0), 0);
+  EXPECT_EQ(Written(list), (Texts{"0.0", "0.0"}));
 }
 
-TEST(GetHWVersion, Refusals) {
-  const uint32_t session = ConnectOne(Chassis(Model::RK420B, {{3, 5}}));
-  SlotList list;
-  EXPECT_EQ(QBVISA_GetHWVersion(session, list.data(), 0), QBVISA_ERR_NOT_SUPPORTED);
-  EXPECT_EQ(Commands(kName), (std::vector<uint16_t>{11}));
-  qbsim::injectFault(kName, qbsim::Fault::WriteFails);
-  EXPECT_EQ(QBVISA_GetHWVersion(session, list.data(), 0), QBVISA_ERR_SEND);
-  EXPECT_EQ(QBVISA_GetHWVersion(kUnknownSession, list.data(), 0), QBVISA_ERR_HANDLE);
-  EXPECT_TRUE(list.untouched(0));
+// Type, identification characters, serial number and firmware version, into
+// texts that first hold `existing`.
+Texts DeviceInfo(uint32_t session, uint64_t maxlen, const char *existing = "") {
+  char texts[4][16];
+  for (auto &text : texts) std::strcpy(text, existing);
+  EXPECT_EQ(QBVISA_GetDeviceInfo(session, texts[0], texts[1], texts[2], texts[3], maxlen), 0);
+  return Texts(std::begin(texts), std::end(texts));
 }
-
-struct InfoTexts {
-  char type[16] = {}, chars[16] = {}, sn[16] = {}, version[16] = {};
-  explicit InfoTexts(const char *existing = "") {
-    for (char *buffer : {type, chars, sn, version}) std::strcpy(buffer, existing);
-  }
-  int32_t get(uint32_t session, uint64_t maxlen) {
-    return QBVISA_GetDeviceInfo(session, type, chars, sn, version, maxlen);
-  }
-};
 
 TEST(GetDeviceInfo, BothIdentityLayouts) {
-  const std::tuple<Model, Version, uint32_t, const char *, const char *, const char *> cases[] = {
-      {Model::RK422, {3, 6}, 12345678, "043A", "12345678", "3.06"},
-      {Model::RK420, {3, 6}, 99999999, "041A", "99999999", "3.06"},
+  const struct { Model model; Version firmware; uint32_t serial; Texts expected; } cases[] = {
+      {Model::RK422, {3, 6}, 12345678, {"043A", "Q7", "12345678", "3.06"}},
+      {Model::RK420, {3, 6}, 99999999, {"041A", "Q7", "99999999", "3.06"}},
       // Older RK420 firmware: seven digits, right-aligned to eight places.
-      {Model::RK420, {3, 5}, 1234567, "041A", " 1234567", "3.05"},
-      {Model::RK420B, {1, 0x16}, 1000000, "041B", " 1000000", "1.16"},
+      {Model::RK420, {3, 5}, 1234567, {"041A", "Q7", " 1234567", "3.05"}},
+      {Model::RK420B, {1, 0x16}, 1000000, {"041B", "Q7", " 1000000", "1.16"}},
   };
-  for (const auto &[model, firmware, serial, type, sn, version] : cases) {
-    SCOPED_TRACE(sn);
-    qbsim::Resource resource = Chassis(model, {firmware});
-    resource.chassis.serial = serial;
-    resource.chassis.idChars = {'Q', '7'};
-    const uint32_t session = ConnectOne(resource);
-    InfoTexts texts;
-    ASSERT_EQ(texts.get(session, 8), 0);
-    EXPECT_STREQ(texts.type, type);
-    EXPECT_STREQ(texts.chars, "Q7");
-    EXPECT_STREQ(texts.sn, sn);
-    EXPECT_STREQ(texts.version, version);
+  for (const auto &c : cases) {
+    EXPECT_EQ(DeviceInfo(Connect(c.model, {c.firmware}, c.serial), 8), c.expected);
     EXPECT_EQ(Commands(kName), (std::vector<uint16_t>{11, 8}));
   }
+  // The limit is applied only when the caller's buffer already holds a text
+  // at least maxlen long.
+  const uint32_t session = Connect(Model::RK421);
+  EXPECT_EQ(DeviceInfo(session, 3, "XX"), (Texts{"042A", "Q7", "12345678", "3.06"}));
+  EXPECT_EQ(DeviceInfo(session, 3, "XXX"), (Texts{"042", "Q7", "123", "3.0"}));
+  EXPECT_EQ(DeviceInfo(session, 0, "XXXXXXXXXX"), (Texts{"", "", "", ""}));
 }
 
-// The limit is applied only when the caller's buffer already holds a text at
-// least maxlen long.
-TEST(GetDeviceInfo, MaxlenIsTestedAgainstTheCallersExistingText) {
-  const uint32_t session = ConnectOne(Chassis(Model::RK421));
-  const std::tuple<const char *, uint64_t, const char *, const char *> cases[] = {
-      {"", 3, "042A", "12345678"},
-      {"XX", 3, "042A", "12345678"},
-      {"XXX", 3, "042", "123"},
-      {"XXXXXXXXXX", 3, "042", "123"},
-      {"XXXXXXXXXX", 0, "", ""},
+// Refusals leave the caller's texts as they were.
+TEST(Versions, Refusals) {
+  static char out[400];
+  using Call = int32_t (*)(uint32_t);
+  const Call hw = [](uint32_t s) { return QBVISA_GetHWVersion(s, out, 0); };
+  const Call sw = [](uint32_t s) { return QBVISA_GetSWVersion(s, out, 0); };
+  const Call info = [](uint32_t s) { return QBVISA_GetDeviceInfo(s, out, out + 20, out + 40, out + 60, 8); };
+  const struct {
+    Call call;
+    int32_t expected;
+    Model model = Model::RK421;
+    Version firmware = {3, 6};
+    uint32_t serial = 12345678;
+    std::optional<qbsim::Fault> fault = std::nullopt;
+  } cases[] = {
+      {.call = hw, .expected = QBVISA_ERR_SEND, .fault = qbsim::Fault::WriteFails},
+      {.call = sw, .expected = QBVISA_ERR_RECEIVE, .model = Model::RK420, .fault = qbsim::Fault::ReadFails},
+      {.call = info, .expected = QBVISA_ERR_DEVICE_FAILURE, .fault = qbsim::Fault::FailureReply},
+      {.call = info, .expected = QBVISA_ERR_SN_UNSET, .model = Model::RK423, .serial = 0xFFFFFFFF},
+      {.call = info, .expected = QBVISA_ERR_SN_UNSET, .serial = 9999999},
+      // Eight digits are too many for the older layout, six too few.
+      {.call = info, .expected = QBVISA_ERR_SN_UNSET, .model = Model::RK420, .firmware = {3, 5}},
+      {.call = info, .expected = QBVISA_ERR_SN_UNSET, .model = Model::RK420, .firmware = {2, 0}, .serial = 999999},
+      {.call = hw, .expected = QBVISA_ERR_NOT_SUPPORTED, .model = Model::RK420B, .firmware = {3, 5}},
   };
-  for (const auto &[existing, maxlen, type, sn] : cases) {
-    SCOPED_TRACE(std::string(existing) + "/" + std::to_string(maxlen));
-    InfoTexts texts(existing);
-    ASSERT_EQ(texts.get(session, maxlen), 0);
-    EXPECT_STREQ(texts.type, type);
-    EXPECT_STREQ(texts.sn, sn);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << "row " << &c - cases);
+    const uint32_t session = Connect(c.model, {c.firmware}, c.serial);
+    if (c.fault) qbsim::injectFault(kName, *c.fault);
+    std::memset(out, '#', sizeof out);
+    EXPECT_EQ(c.call(session), c.expected);
+    EXPECT_EQ(c.call(kUnknownSession), QBVISA_ERR_HANDLE);
+    EXPECT_EQ(std::string(out, sizeof out), std::string(sizeof out, '#'));
   }
-}
-
-TEST(GetDeviceInfo, Refusals) {
-  const std::tuple<Model, Version, uint32_t> cases[] = {
-      {Model::RK423, {3, 6}, 0xFFFFFFFF},
-      {Model::RK421, {3, 6}, 9999999},
-      {Model::RK420, {3, 5}, 12345678},  // too long for the older layout
-      {Model::RK420, {2, 0}, 999999},
-  };
-  for (const auto &[model, firmware, serial] : cases) {
-    SCOPED_TRACE(serial);
-    qbsim::Resource resource = Chassis(model, {firmware});
-    resource.chassis.serial = serial;
-    const uint32_t session = ConnectOne(resource);
-    InfoTexts texts("keep");
-    EXPECT_EQ(texts.get(session, 8), QBVISA_ERR_SN_UNSET);
-    EXPECT_STREQ(texts.sn, "keep");
-  }
-  const uint32_t session = ConnectOne(Chassis(Model::RK421));
-  InfoTexts texts;
-  qbsim::injectFault(kName, qbsim::Fault::FailureReply);
-  EXPECT_EQ(texts.get(session, 8), QBVISA_ERR_DEVICE_FAILURE);
-  EXPECT_EQ(texts.get(kUnknownSession, 8), QBVISA_ERR_HANDLE);
+  EXPECT_EQ(Commands(kName), (std::vector<uint16_t>{11}));  // old firmware: no identity query
 }
 
 }  // namespace
