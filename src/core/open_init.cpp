@@ -4,19 +4,12 @@
 #include <cstring>
 #include <iterator>
 
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
-#include "switching/chassis_rules.h"
 
 namespace {
 
-using qbvisa::isRk420Family;
-
-constexpr uint16_t kIdentityQuery = 8;
-constexpr uint16_t kPresenceQuery = 10;
-constexpr uint16_t kVersionQuery = 11;
-constexpr uint16_t kCardTypeQuery = 17;
-// Slot 2 has a presence query of its own (bytes 0C 04 00 00 on the wire).
-constexpr uint16_t kSlot2PresenceQuery = 0x040C;
+using namespace qbvisa;
 
 constexpr int kSlotPositions = 21;
 constexpr uint8_t kAbsent = 0xFF;
@@ -24,30 +17,6 @@ constexpr uint8_t kAbsent = 0xFF;
 // hardware 1.0 or later.
 constexpr int32_t kSlot1Position = 6;
 constexpr uint8_t kSlot1MinimumHardware = 10;
-
-// Sends a request without payload from the record's buffers. The reply
-// buffer is cleared too, so that a short reply cannot be read together with
-// what an earlier exchange left behind.
-int32_t sendBareRequest(ChassisRecord &record, uint16_t command) {
-  std::memset(record.requestBuffer, 0, sizeof record.requestBuffer);
-  std::memset(record.replyBuffer, 0, sizeof record.replyBuffer);
-  const uint16_t header[2] = {command, 0};
-  std::memcpy(record.requestBuffer, header, sizeof header);
-  return SendRecvMsg(record.session, record.requestBuffer,
-                     qbvisa::kBareRequestBytes, record.replyBuffer);
-}
-
-// Newer RK420 controllers answer the version in bytes 4 and 5 and leave
-// bytes 2 and 3 for the older form.
-int32_t refreshFirmwareVersion(ChassisRecord &record) {
-  const int32_t status = sendBareRequest(record, kVersionQuery);
-  if (status < 0) return status;
-  const uint8_t *reply = record.replyBuffer;
-  const bool newForm = reply[4] != 0 || reply[5] != 0;
-  record.firmwareMajor = newForm ? reply[4] : reply[2];
-  record.firmwareMinor = newForm ? reply[5] : reply[3];
-  return 0;
-}
 
 void resetPresence(SlotArea &slot) {
   std::memset(slot.cardPresent, kAbsent, sizeof slot.cardPresent);
@@ -270,11 +239,9 @@ QBVISA_EXPORT bool IsNewVer_3_06(const ChassisRecord *record) {
 
 QBVISA_EXPORT int32_t QBVISA_OpenSpecifiedCard(uint32_t session, uint64_t slot,
                                                uint64_t *kind) {
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr)
-    return QBVISA_ERR_HANDLE;
-  slot = qbvisa::effectiveSlot(*record, slot);
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
+  slot = effectiveSlot(*record, slot);
   if (isRk420Family(*record)) {
     const int32_t status = refreshFirmwareVersion(*record);
     if (status < 0) return status;
@@ -291,11 +258,9 @@ QBVISA_EXPORT int32_t QBVISA_OpenSpecifiedCard(uint32_t session, uint64_t slot,
 }
 
 QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr)
-    return QBVISA_ERR_HANDLE;
-  slot = qbvisa::effectiveSlot(*record, slot);
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
+  slot = effectiveSlot(*record, slot);
   InitPointInfo();
   if (isRk420Family(*record)) {
     const int32_t status = refreshFirmwareVersion(*record);
@@ -316,10 +281,8 @@ QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
 }
 
 QBVISA_EXPORT int32_t QBVISABoardInPlaceHDW(uint32_t session, uint64_t slot) {
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr)
-    return QBVISA_ERR_HANDLE;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
   return checkPresence(record, slot);
 }
 

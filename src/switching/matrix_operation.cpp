@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
-#include "switching/chassis_rules.h"
 #include "switching/relay_frame.h"
 
 namespace {
@@ -74,10 +74,8 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
 QBVISA_EXPORT int32_t QBVISA_OpMatrix(uint32_t session, uint64_t slot,
                                       uint32_t *array, uint32_t words) {
   if (array == nullptr && words != 0) return QBVISA_ERR_PARAMETER;
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr)
-    return QBVISA_ERR_HANDLE;
+  ChassisRecord *record = qbvisa::lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
   slot = qbvisa::effectiveSlot(*record, slot);
   const int32_t status = OpMatrix(record, slot, array, words, 1);
   if (status < 0) return status;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
@@ -152,9 +153,8 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
   frame[2] = 0;
   frame[3] = 0;
 
-  const bool limited = record->modelTypeCode == QBVISA_TYPE_RK420 ||
-                       record->modelTypeCode == QBVISA_TYPE_RK420B ||
-                       record->modelTypeCode == QBVISA_TYPE_RK421;
+  const bool limited =
+      isRk420Family(*record) || record->modelTypeCode == QBVISA_TYPE_RK421;
   int32_t closureLimit = INT32_MAX;
   if (limited && slot.matrixKind == MATRIX_KIND_RK420)
     closureLimit = kClosureLimitRk420;
