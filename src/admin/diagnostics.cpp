@@ -3,12 +3,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "admin/admin_request.h"
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
 
-using namespace qbvisa::admin;
+using namespace qbvisa;
 
 constexpr uint64_t kMaxSlot = 2;           // slots 0..2
 constexpr uint64_t kMaxBoardPosition = 3;  // board positions 0..3
@@ -24,18 +24,19 @@ constexpr uint8_t kSpiLoopBroken = 0x02;
 int32_t RunDiagnostic(uint32_t session, uint16_t command, bool withSlot,
                       uint64_t slot, int32_t replyBytes,
                       ChassisRecord **record) {
-  if (FindChassis(static_cast<int32_t>(session), record) < 0 ||
-      *record == nullptr) {
+  *record = lookUpChassis(session);
+  if (*record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  BeginRequest(*record, command);
-  ClearReply(*record);
-  int32_t bytes = kBareRequest;
+  ChassisRecord &chassis = **record;
+  beginRequest(chassis, command);
+  clearReply(chassis);
+  int32_t bytes = kBareRequestBytes;
   if (withSlot) {
-    PutWord((*record)->requestBuffer, 4, static_cast<uint16_t>(slot));
+    putWord(chassis.requestBuffer, 4, static_cast<uint16_t>(slot));
     bytes += 2;
   }
-  const int32_t status = Exchange(*record, bytes);
+  const int32_t status = exchange(chassis, bytes);
   if (status < 0) {
     return status;
   }

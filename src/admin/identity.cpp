@@ -1,42 +1,15 @@
 // identity.cpp - serial numbers of a chassis and its cards, card model names
-// and matrix sizes, and the firmware version refresh that the identity and
-// version calls run first.
+// and matrix sizes.
 #include <cstdio>
 #include <cstring>
 #include <iterator>
 
-#include "admin/admin_request.h"
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
-
-namespace qbvisa::admin {
-
-int32_t RefreshFirmwareVersion(ChassisRecord *record, bool clearReply) {
-  BeginRequest(record, kVersionQuery);
-  if (clearReply) {
-    ClearReply(record);
-  }
-  const int32_t status = Exchange(record, kBareRequest);
-  if (status < 0) {
-    return status;
-  }
-  const uint8_t *reply = record->replyBuffer;
-  // Newer RK420/RK420B controllers report their version in bytes 4/5 and
-  // leave the older 2/3 pair for the boot loader.
-  if (IsRk420Family(record) && (reply[4] != 0 || reply[5] != 0)) {
-    record->firmwareMajor = reply[4];
-    record->firmwareMinor = reply[5];
-  } else {
-    record->firmwareMajor = reply[2];
-    record->firmwareMinor = reply[3];
-  }
-  return 0;
-}
-
-}  // namespace qbvisa::admin
 
 namespace {
 
-using namespace qbvisa::admin;
+using namespace qbvisa;
 
 constexpr uint32_t kSerialMin = 10000000;
 constexpr uint32_t kSerialMax = 99999999;
@@ -47,14 +20,6 @@ constexpr size_t kShortText = 10;
 // toInt() works on a 16-byte copy of its input; longer texts are refused
 // before they reach it (no eight-digit number needs more).
 constexpr size_t kMaxNumberText = 15;
-
-int32_t Lookup(uint32_t session, ChassisRecord **record) {
-  if (FindChassis(static_cast<int32_t>(session), record) < 0 ||
-      *record == nullptr) {
-    return QBVISA_ERR_HANDLE;
-  }
-  return 0;
-}
 
 // Nine digits always fit the int that toInt() folds into; more could wrap
 // around into the range of a valid serial number.
@@ -97,11 +62,11 @@ int32_t CheckSerialTexts(const char *sn, const char *hw) {
 // Serial number one byte per word, most significant first, then the low byte
 // of the hardware number.
 void PutSerial(ChassisRecord *record, uint32_t serial, uint32_t hw) {
-  PutWord(record->requestBuffer, 4, serial >> 24);
-  PutWord(record->requestBuffer, 6, (serial >> 16) & 0xFF);
-  PutWord(record->requestBuffer, 8, (serial >> 8) & 0xFF);
-  PutWord(record->requestBuffer, 10, serial & 0xFF);
-  PutWord(record->requestBuffer, 12, hw & 0xFF);
+  putWord(record->requestBuffer, 4, serial >> 24);
+  putWord(record->requestBuffer, 6, (serial >> 16) & 0xFF);
+  putWord(record->requestBuffer, 8, (serial >> 8) & 0xFF);
+  putWord(record->requestBuffer, 10, serial & 0xFF);
+  putWord(record->requestBuffer, 12, hw & 0xFF);
 }
 
 // Four serial-number bytes from every other reply byte, most significant at
@@ -144,16 +109,15 @@ extern "C" {
 
 QBVISA_EXPORT int32_t QBVISA_SetSN(uint32_t session, const char *sn,
                                    const char *hw) {
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
   const int32_t bad = CheckSerialTexts(sn, hw);
   if (bad != 0) {
     return bad;
   }
-  BeginRequest(record, kSetChassisSerial);
+  beginRequest(*record, kSetChassisSerial);
   const uint32_t serial = DecimalValue(sn);
   if (!IsEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
@@ -161,11 +125,11 @@ QBVISA_EXPORT int32_t QBVISA_SetSN(uint32_t session, const char *sn,
   PutSerial(record, serial, DecimalValue(hw));
   // Only the arguments are reported: the production tools write serial
   // numbers blind, so a chassis that does not answer is not an error here.
-  if (Exchange(record, 24) < 0) {
+  if (exchange(*record, 24) < 0) {
     return 0;
   }
-  BeginRequest(record, kApplySettings);
-  (void)Exchange(record, kCommandWordOnly);
+  beginRequest(*record, kApplySettings);
+  (void)exchange(*record, kCommandWordOnlyBytes);
   SLEEP(1);
   return 0;
 }
@@ -175,22 +139,21 @@ QBVISA_EXPORT int32_t QBVISA_GetSN(uint32_t session, uint32_t *list,
   if (list == nullptr && count != 0) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
   uint32_t serials[kSerialListEntries] = {};
-  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  const int32_t refreshed = refreshFirmwareVersion(*record);
   if (refreshed != 0) {
     return refreshed;
   }
-  BeginRequest(record, kIdentityQuery);
-  const int32_t status = Exchange(record, kBareRequest);
+  beginRequest(*record, kIdentityQuery);
+  const int32_t status = exchange(*record, kBareRequestBytes);
   if (status < 0) {
     return status;
   }
-  if (FirmwareTooOld(record)) {
+  if (firmwareTooOld(*record)) {
     return QBVISA_ERR_NOT_SUPPORTED;
   }
   const uint8_t *reply = record->replyBuffer;
@@ -223,10 +186,9 @@ QBVISA_EXPORT int32_t QBVISA_GetSN(uint32_t session, uint32_t *list,
 
 QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
                                        const char *hw, int32_t slot) {
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
   const int32_t bad = CheckSerialTexts(sn, hw);
   if (bad != 0) {
@@ -235,14 +197,14 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
   if (slot < 1 || slot > 6) {
     return QBVISA_ERR_BAD_SLOT;
   }
-  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  const int32_t refreshed = refreshFirmwareVersion(*record);
   if (refreshed != 0) {
     return refreshed;
   }
-  if (FirmwareTooOld(record)) {
+  if (firmwareTooOld(*record)) {
     return QBVISA_ERR_NOT_SUPPORTED;
   }
-  BeginRequest(record, static_cast<uint16_t>(kSetCardSerialBase + slot));
+  beginRequest(*record, static_cast<uint16_t>(kSetCardSerialBase + slot));
   const uint32_t serial = DecimalValue(sn);
   if (!IsEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
@@ -250,7 +212,7 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
   PutSerial(record, serial, DecimalValue(hw));
   // Card serial frames are 20 bytes: the chassis reads no further. They
   // take effect without the apply command.
-  const int32_t status = Exchange(record, 20);
+  const int32_t status = exchange(*record, 20);
   return status < 0 ? status : 0;
 }
 
@@ -259,10 +221,9 @@ QBVISA_EXPORT int32_t QBVISA_GetCardType(uint32_t session, uint32_t card,
   if (name == nullptr) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
   // Also refuses slots beyond the record's three, so the index below holds.
   const int32_t present = IsBoardExists(record, card);

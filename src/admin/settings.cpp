@@ -5,49 +5,36 @@
 
 #include <cstdio>
 
-#include "admin/admin_request.h"
+#include "core/chassis_request.h"
 #include "core/visa_api.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
 
-using namespace qbvisa::admin;
-
-// Looks the chassis up and insists on an RK421. Returns 0 with `*record` set,
-// or -10023 / -10020.
-int32_t FindRk421(uint32_t session, ChassisRecord **record) {
-  if (FindChassis(static_cast<int32_t>(session), record) < 0 ||
-      *record == nullptr) {
-    return QBVISA_ERR_HANDLE;
-  }
-  if ((*record)->modelTypeCode != QBVISA_TYPE_RK421) {
-    return QBVISA_ERR_NOT_SUPPORTED;
-  }
-  return 0;
-}
+using namespace qbvisa;
 
 // Sends a bare query (4 bytes) to an RK421 and leaves the answer in the
 // record's reply buffer.
 int32_t QueryRk421(uint32_t session, uint16_t command, ChassisRecord **record) {
-  const int32_t found = FindRk421(session, record);
+  const int32_t found = lookUpRk421(session, record);
   if (found != 0) {
     return found;
   }
-  BeginRequest(*record, command);
-  const int32_t status = Exchange(*record, kBareRequest);
+  beginRequest(**record, command);
+  const int32_t status = exchange(**record, kBareRequestBytes);
   return status < 0 ? status : 0;
 }
 
 // Sends one 16-bit setting word (6 bytes) to an RK421.
 int32_t SetRk421Word(uint32_t session, uint16_t command, uint16_t value) {
   ChassisRecord *record = nullptr;
-  const int32_t found = FindRk421(session, &record);
+  const int32_t found = lookUpRk421(session, &record);
   if (found != 0) {
     return found;
   }
-  BeginRequest(record, command);
-  PutWord(record->requestBuffer, 4, value);
-  const int32_t status = Exchange(record, 6);
+  beginRequest(*record, command);
+  putWord(record->requestBuffer, 4, value);
+  const int32_t status = exchange(*record, 6);
   return status < 0 ? status : 0;
 }
 
@@ -81,12 +68,11 @@ QBVISA_EXPORT int32_t QBVISA_SetIPAddress(uint32_t session, const char *ip) {
   if (ip == nullptr || !validIPAddress(ip)) {
     return QBVISA_ERR_BAD_IP;
   }
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr) {
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  BeginRequest(record, kSetNetworkAddress);
+  beginRequest(*record, kSetNetworkAddress);
   const uint32_t address = toInt(ip);
   const uint16_t a = address >> 24;
   const uint16_t b = (address >> 16) & 0xFF;
@@ -96,9 +82,9 @@ QBVISA_EXPORT int32_t QBVISA_SetIPAddress(uint32_t session, const char *ip) {
   // chassis offers no separate gateway setting.
   const uint16_t words[8] = {a, b, c, d, a, b, c, 1};
   for (size_t i = 0; i < 8; ++i) {
-    PutWord(record->requestBuffer, 4 + 2 * i, words[i]);
+    putWord(record->requestBuffer, 4 + 2 * i, words[i]);
   }
-  const int32_t status = Exchange(record, 20);
+  const int32_t status = exchange(*record, 20);
   if (status < 0) {
     return status;
   }
@@ -107,8 +93,8 @@ QBVISA_EXPORT int32_t QBVISA_SetIPAddress(uint32_t session, const char *ip) {
   }
   // The other models hold a new address until told to apply it. Their answer
   // to the apply command carries nothing the caller could act on.
-  BeginRequest(record, kApplySettings);
-  (void)Exchange(record, kCommandWordOnly);
+  beginRequest(*record, kApplySettings);
+  (void)exchange(*record, kCommandWordOnlyBytes);
   return 0;
 }
 
@@ -160,14 +146,14 @@ QBVISA_EXPORT int32_t QBVISA_SetBaudRate(uint32_t session, uint32_t rate) {
     return QBVISA_ERR_BAUDRATE;
   }
   ChassisRecord *record = nullptr;
-  const int32_t found = FindRk421(session, &record);
+  const int32_t found = lookUpRk421(session, &record);
   if (found != 0) {
     return found;
   }
-  BeginRequest(record, kSetBaudRate);
-  PutWord(record->requestBuffer, 4, rate & 0xFFFF);
-  PutWord(record->requestBuffer, 6, rate >> 16);
-  const int32_t status = Exchange(record, 8);
+  beginRequest(*record, kSetBaudRate);
+  putWord(record->requestBuffer, 4, rate & 0xFFFF);
+  putWord(record->requestBuffer, 6, rate >> 16);
+  const int32_t status = exchange(*record, 8);
   if (status < 0) {
     return status;
   }

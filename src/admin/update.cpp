@@ -9,12 +9,12 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "admin/admin_request.h"
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
 
-using namespace qbvisa::admin;
+using namespace qbvisa;
 
 // The chassis buffers at most this many bytes of one data frame.
 constexpr uint32_t kChunkSize = 1024;
@@ -53,8 +53,8 @@ ssize_t ReadSome(int fd, uint8_t *buffer, size_t size) {
 // byte 2. A reply too short to carry the verdict (or the `replyBytes` the
 // step reads) counts as a failed read.
 int32_t UpdateStep(ChassisRecord *record, int32_t bytes, int32_t replyBytes) {
-  ClearReply(record);
-  const int32_t status = Exchange(record, bytes);
+  clearReply(*record);
+  const int32_t status = exchange(*record, bytes);
   if (status < 0) {
     return status;
   }
@@ -65,8 +65,8 @@ int32_t UpdateStep(ChassisRecord *record, int32_t bytes, int32_t replyBytes) {
 }
 
 void PutLong(uint8_t *buffer, size_t offset, uint32_t value) {
-  PutWord(buffer, offset, value & 0xFFFF);
-  PutWord(buffer, offset + 2, value >> 16);
+  putWord(buffer, offset, value & 0xFFFF);
+  putWord(buffer, offset + 2, value >> 16);
 }
 
 }  // namespace
@@ -77,9 +77,8 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
   if (path == nullptr) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0 ||
-      record == nullptr) {
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
   const FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC));
@@ -98,7 +97,7 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
   }
   const auto size = static_cast<uint32_t>(info.st_size);
 
-  BeginRequest(record, kUpdateBegin);
+  beginRequest(*record, kUpdateBegin);
   PutLong(record->requestBuffer, 4, size);
   int32_t status = UpdateStep(record, 8, 3);
   if (status != 0) {
@@ -115,8 +114,8 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
       return QBVISA_ERR_UPDATE_FILE;
     }
     const auto length = static_cast<uint32_t>(got);
-    PutWord(record->requestBuffer, 0, kUpdateData);
-    PutWord(record->requestBuffer, 2, static_cast<uint16_t>(length));
+    putWord(record->requestBuffer, 0, kUpdateData);
+    putWord(record->requestBuffer, 2, static_cast<uint16_t>(length));
     sum += checkSum(chunk, length);
     status = UpdateStep(record, static_cast<int32_t>(4 + length), 3);
     if (status != 0) {
@@ -125,7 +124,7 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
     sent += length;
   }
 
-  BeginRequest(record, kUpdateEnd);
+  beginRequest(*record, kUpdateEnd);
   PutLong(record->requestBuffer, 4, sum);
   status = UpdateStep(record, 8, 8);
   if (status != 0) {

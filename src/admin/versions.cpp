@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <cstring>
 
-#include "admin/admin_request.h"
+#include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
 
-using namespace qbvisa::admin;
+using namespace qbvisa;
 
 // Version lists are arrays of 10-byte text slots.
 constexpr size_t kTextSlot = 10;
@@ -19,14 +19,6 @@ constexpr size_t kTextSlot = 10;
 constexpr size_t kMaxCardPositions = 21;
 constexpr size_t kMaxListSlots = kMaxCardPositions + 1;
 
-int32_t Lookup(uint32_t session, ChassisRecord **record) {
-  if (FindChassis(static_cast<int32_t>(session), record) < 0 ||
-      *record == nullptr) {
-    return QBVISA_ERR_HANDLE;
-  }
-  return 0;
-}
-
 void FormatFirmware(char *slot, unsigned major, unsigned minor) {
   std::snprintf(slot, kTextSlot, "%x.%02x", major, minor);
 }
@@ -35,14 +27,6 @@ void FormatFirmware(char *slot, unsigned major, unsigned minor) {
 // A byte of 100 or more gives a hexadecimal major (123 reads "c.3").
 void FormatHardware(char *slot, uint8_t version) {
   std::snprintf(slot, kTextSlot, "%x.%x", version / 10U, version % 10U);
-}
-
-// Sends a bare version query (11 or 49) with both buffers cleared.
-int32_t QueryVersion(ChassisRecord *record, uint16_t command) {
-  BeginRequest(record, command);
-  ClearReply(record);
-  const int32_t status = Exchange(record, kBareRequest);
-  return status < 0 ? status : 0;
 }
 
 // Copies a device-information text into the caller's buffer. The limit is
@@ -67,22 +51,21 @@ QBVISA_EXPORT int32_t QBVISA_GetHWVersion(uint32_t session, char *list,
   if (list == nullptr) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
-  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  const int32_t refreshed = refreshFirmwareVersion(*record);
   if (refreshed != 0) {
     return refreshed;
   }
-  if (FirmwareTooOld(record)) {
+  if (firmwareTooOld(*record)) {
     return QBVISA_ERR_NOT_SUPPORTED;
   }
-  BeginRequest(record, kIdentityQuery);
+  beginRequest(*record, kIdentityQuery);
   // The reply is read whatever the exchange reports: a chassis that drops
   // the identity answer still yields a list, of the cleared buffer's zeros.
-  (void)Exchange(record, kBareRequest);
+  (void)exchange(*record, kBareRequestBytes);
   const uint8_t *reply = record->replyBuffer;
   FormatHardware(list, reply[8]);
   const size_t cards = record->slotCount < kMaxCardPositions
@@ -100,13 +83,12 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
   if (list == nullptr) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
-  if (IsRk420Family(record)) {
-    const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  if (isRk420Family(*record)) {
+    const int32_t refreshed = refreshFirmwareVersion(*record);
     if (refreshed != 0) {
       return refreshed;
     }
@@ -117,20 +99,20 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
   if (record->modelTypeCode == QBVISA_TYPE_RK421) {
     // The RK421 has two controllers: the main one answers command 11, the
     // second one command 49. Neither is the record's firmware version.
-    int32_t status = QueryVersion(record, kVersionQuery);
-    if (status != 0) {
+    int32_t status = sendBareRequest(*record, kVersionQuery);
+    if (status < 0) {
       return status;
     }
     FormatFirmware(list, reply[2], reply[3]);
-    status = QueryVersion(record, kSecondVersionQuery);
-    if (status != 0) {
+    status = sendBareRequest(*record, kSecondVersionQuery);
+    if (status < 0) {
       return status;
     }
     FormatFirmware(list + kTextSlot, reply[2], reply[3]);
     return 0;
   }
-  const int32_t status = QueryVersion(record, kVersionQuery);
-  if (status != 0) {
+  const int32_t status = sendBareRequest(*record, kVersionQuery);
+  if (status < 0) {
     return status;
   }
   // One version pair per controller from byte 2 on; the first pair with a
@@ -154,20 +136,19 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
       versionText == nullptr) {
     return QBVISA_ERR_PARAMETER;
   }
-  ChassisRecord *record = nullptr;
-  const int32_t found = Lookup(session, &record);
-  if (found != 0) {
-    return found;
+  ChassisRecord *record = lookUpChassis(session);
+  if (record == nullptr) {
+    return QBVISA_ERR_HANDLE;
   }
-  const int32_t refreshed = RefreshFirmwareVersion(record, true);
+  const int32_t refreshed = refreshFirmwareVersion(*record);
   if (refreshed != 0) {
     return refreshed;
   }
   char version[kTextSlot];
   FormatFirmware(version, record->firmwareMajor, record->firmwareMinor);
 
-  BeginRequest(record, kIdentityQuery);
-  const int32_t status = Exchange(record, kBareRequest);
+  beginRequest(*record, kIdentityQuery);
+  const int32_t status = exchange(*record, kBareRequestBytes);
   if (status < 0) {
     return status;
   }
@@ -176,7 +157,7 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
   unsigned typeCode = 0;
   char first = 0;
   char second = 0;
-  if (FirmwareTooOld(record)) {
+  if (firmwareTooOld(*record)) {
     // Older RK420/RK420B controllers answer a seven-digit serial in three
     // bytes and pack the type code right behind it.
     serial = static_cast<uint32_t>(reply[0]) << 16 |
