@@ -6,10 +6,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/chassis_request.h"
 #include "core/visa_api.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
+
+using qbvisa::lookUpChassis;
 
 enum class Caller { Write, Query };
 
@@ -51,12 +54,6 @@ void putError(const Reply &reply, int32_t code) {
   char message[101] = {};
   QBVISA_ErrorCodeToMessage(code, message, 100);
   put(reply, "%s", message);
-}
-
-ChassisRecord *lookUp(uint32_t session) {
-  ChassisRecord *record = nullptr;
-  if (FindChassis(static_cast<int32_t>(session), &record) < 0) return nullptr;
-  return record;
 }
 
 bool onlyCharactersOf(const char *text, const char *allowed) {
@@ -128,7 +125,7 @@ void switchList(uint32_t session, ChassisRecord *record, bool close,
     freeSCPIResult(&list);
     return;
   }
-  if (record == nullptr) record = lookUp(session);
+  if (record == nullptr) record = lookUpChassis(session);
   if (record == nullptr) {
     freeSCPIResult(&list);
     putError(reply, QBVISA_ERR_HANDLE);
@@ -165,7 +162,7 @@ void switchList(uint32_t session, ChassisRecord *record, bool close,
 
 void switchAll(uint32_t session, ChassisRecord *record, bool close,
                const Reply &reply) {
-  if (record == nullptr) record = lookUp(session);
+  if (record == nullptr) record = lookUpChassis(session);
   if (record == nullptr) {
     putError(reply, QBVISA_ERR_HANDLE);
     return;
@@ -279,7 +276,7 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
   switch (id) {
     case 0:
     case 4:
-      if (record == nullptr && lookUp(session) == nullptr) {
+      if (record == nullptr && lookUpChassis(session) == nullptr) {
         putError(reply, QBVISA_ERR_HANDLE);
         return;
       }
@@ -392,7 +389,7 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
 extern "C" {
 
 QBVISA_EXPORT int32_t QBVISA_SCPIWrite(uint32_t session, const char *line) {
-  ChassisRecord *record = lookUp(session);
+  ChassisRecord *record = lookUpChassis(session);
   if (record == nullptr) return QBVISA_ERR_HANDLE;
   std::memset(record->scpiReply, 0, sizeof record->scpiReply);
   const Reply reply{record->scpiReply, sizeof record->scpiReply};
@@ -404,7 +401,7 @@ QBVISA_EXPORT int32_t QBVISA_SCPIWrite(uint32_t session, const char *line) {
 }
 
 QBVISA_EXPORT int32_t QBVISA_SCPIRead(uint32_t session, char *text) {
-  ChassisRecord *record = lookUp(session);
+  ChassisRecord *record = lookUpChassis(session);
   if (record == nullptr) return QBVISA_ERR_HANDLE;
   // The stored reply is dropped before it is copied, so the text delivered
   // is always empty; replies are read with QBVISA_SCPIQuery.
