@@ -16,8 +16,10 @@
  *    memory across calls and never logs; it reads no file (except the update
  *    file given to QBVISA_OnlineUpdate) and no environment variable.
  *  - Threads: calls on different chassis may run concurrently. Discovery
- *    (QBVISA_FindRsrc, QBVISA_Connect) and QBVISA_Init of a chassis must not
- *    run while other calls use that chassis.
+ *    (QBVISA_FindRsrc, QBVISA_Connect) must not run while other calls are
+ *    under way. QBVISA_Init rewrites the process-wide location tables (with
+ *    the values they already hold), so initialise every chassis before other
+ *    threads start switching.
  *
  * Lower-level pieces (chassis registry, frame exchange, location tables,
  * text-command parser) are declared in qbvisa_lowlevel.h.

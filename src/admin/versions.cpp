@@ -64,7 +64,8 @@ QBVISA_EXPORT int32_t QBVISA_GetHWVersion(uint32_t session, char *list,
   }
   beginRequest(*record, kIdentityQuery);
   // The reply is read whatever the exchange reports: a chassis that drops
-  // the identity answer still yields a list, of the cleared buffer's zeros.
+  // the identity answer still yields a list, read from what the version
+  // query left in the reply buffer.
   (void)exchange(*record, kBareRequestBytes);
   const uint8_t *reply = record->replyBuffer;
   FormatHardware(list, reply[8]);
