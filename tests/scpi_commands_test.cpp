@@ -81,11 +81,4 @@ TEST(LineMatching, OverlongArgumentIsCutToTheBuffer) {
   EXPECT_EQ(area[QBVISA_SCPI_ARGUMENT_SIZE], '#');
 }
 
-TEST(CaseHelpers, NonAsciiBytesAreNeitherLowerNorChanged) {
-  EXPECT_EQ(existLowerCase("ABC\xe9"), 0);
-  std::string text = ":SYSTem:VERSion?\xe9z";
-  EXPECT_EQ(allUpperCase(text.data()), 0);
-  EXPECT_EQ(text, ":SYSTEM:VERSION?\xe9Z");
-}
-
 }  // namespace

@@ -160,29 +160,26 @@ TEST_F(ToolTest, FailuresPrintTheLibraryMessageWithItsCodeAndExitNonZero) {
 
 TEST_F(ToolTest, ShowMarksExactlyTheClosedCrosspointsOnEveryModel) {
   struct Case {
-    const std::string &resource;
-    std::vector<std::string> words;
+    std::vector<std::string> args;
     const char *closed;
     const char *note = "";
   };
   const Case cases[] = {
-      {kRK420, {"3!4:1!2"}, "1!2:3!4"},  // corners in any order
-      {kRK420, {"1!1,2!2", "12!50"}, "1!1,2!2,12!50"},
-      {kRK420, {" 4!5 , 6!7,"}, "4!5,6!7"},
-      {kRK420, {"1!1:1!1", "1!1"}, "1!1"},
-      {kRK420, {"2!9:3!12,5!8:7!13"}, "2!9:3!12,5!8:7!13", " of at most 400\n"},
+      {{"close", kRK420, "3!4:1!2", "--show"}, "1!2:3!4"},  // corners in any order
+      {{"close", kRK420, "1!1,2!2", "12!50", "--show"}, "1!1,2!2,12!50"},
+      {{"close", kRK420, " 4!5 , 6!7,", "--show"}, "4!5,6!7"},
+      {{"close", kRK420, "1!1:1!1", "1!1", "--show"}, "1!1"},
+      {{"close", kRK420, "2!9:3!12,5!8:7!13", "--show"}, "2!9:3!12,5!8:7!13", " of at most 400\n"},
       // The first six columns of an RK421 sub-matrix are wired in reverse.
-      {kRK421, {"1!1:1!6,2!6,3!7,4!12:5!13,10!48"}, "1!1:1!6,2!6,3!7,4!12:5!13,10!48",
-       " of at most 270\n"},
+      {{"close", kRK421, "1!1:1!6,2!6,3!7,4!12:5!13,10!48", "--show"},
+       "1!1:1!6,2!6,3!7,4!12:5!13,10!48", " of at most 270\n"},
       // Wider than a line: only the sub-matrices with closed points are drawn.
-      {kRK422, {"1!1,4!96,2!2015:3!2016"}, "1!1,4!96,2!2015:3!2016", "(no closure limit"},
-      {kRK423, {"1!1,8!12,3!4:4!6"}, "1!1,8!12,3!4:4!6", "(no closure limit"},
+      {{"close", kRK422, "1!1,4!96,2!2015:3!2016", "--show"}, "1!1,4!96,2!2015:3!2016",
+       "(no closure limit"},
+      {{"close", kRK423, "1!1,8!12,3!4:4!6", "--show"}, "1!1,8!12,3!4:4!6", "(no closure limit"},
   };
   for (const Case &c : cases) {
-    std::vector<std::string> args = {"close", c.resource};
-    args.insert(args.end(), c.words.begin(), c.words.end());
-    args.push_back("--show");
-    const ToolRun run = tool(args);
+    const ToolRun run = tool(c.args);
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.err, "");  // the chassis holds what was asked
     const Points expected = expand(c.closed);
