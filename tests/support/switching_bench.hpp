@@ -1,6 +1,5 @@
 // switching_bench.hpp - chassis on the simulated bench made ready for
-// switching, and the relays a switched point set should close, worked out
-// from the location lookup (GetPoint) rather than from the library's frame.
+// switching, and the word arrays that switch given points.
 #pragma once
 
 #include <cstdint>
@@ -36,11 +35,5 @@ Connection readyChassis(const qbsim::ChassisConfig &config);
 // The word array of slot 0 in which exactly `points` are set.
 std::vector<uint32_t> wordsFor(const SlotArea &slot,
                                const std::vector<uint32_t> &points);
-
-// Relays closed after switching `words` on slot 0 of `record`: each set point
-// closes its crosspoint and the isolation relays its kind needs; only the
-// bit groups a board sends are counted. Sorted, without duplicates.
-std::vector<qbsim::Relay> expectedRelays(const ChassisRecord &record,
-                                         const std::vector<uint32_t> &words);
 
 }  // namespace qbtest
