@@ -54,7 +54,6 @@ TEST(Settings, RefusalsSendNothingAndReleaseTheMutex) {
       {[](uint32_t s) { return QBVISA_SetGPIBAddress(s, 0); }, QBVISA_ERR_GPIB_ADDRESS, QBVISA_ERR_GPIB_ADDRESS},
       {[](uint32_t s) { return QBVISA_SetGPIBAddress(s, 31); }, QBVISA_ERR_GPIB_ADDRESS, QBVISA_ERR_GPIB_ADDRESS},
       {[](uint32_t s) { return QBVISA_SetGPIBAddress(s, 0x10005); }, QBVISA_ERR_GPIB_ADDRESS, QBVISA_ERR_GPIB_ADDRESS},
-      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 4800); }, QBVISA_ERR_BAUDRATE, QBVISA_ERR_BAUDRATE},
       {[](uint32_t s) { return QBVISA_SetBaudRate(s, 9601); }, QBVISA_ERR_BAUDRATE, QBVISA_ERR_BAUDRATE},
       {[](uint32_t s) { return QBVISA_SetLANMode(s, 2); }, QBVISA_ERR_LAN_MODE, QBVISA_ERR_LAN_MODE},
       {[](uint32_t s) { return QBVISA_GetCOMMIPAddr(s, text); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},

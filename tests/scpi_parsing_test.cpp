@@ -1,5 +1,6 @@
-// Crosspoint lists: points, subunit and error text for the telling inputs,
-// and the bounds that keep hostile lists harmless.
+// Text-command parsing: which command id and argument a line yields, and
+// crosspoint lists (points, subunit and error text for the telling inputs,
+// and the bounds that keep hostile lists harmless).
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -36,6 +37,67 @@ struct Parsed {
   std::string message;
 };
 
+struct LineCase {
+  const char *line;
+  uint32_t id;
+  const char *argument = nullptr;  // nullptr: the argument area stays untouched
+};
+
+// Table entries the text-command bench tests do not send, setters with their
+// argument, queries with trailing text that is ignored, and near misses.
+const LineCase kLines[] = {
+    // Any lower-case letter selects the long forms.
+    {"*IDN?xyz", 0}, {"*RST>now", 4}, {":SYSTem:VERSion?", 1}, {":SYSTem:MANF?", 2},
+    {":SYSTem:MODule? extra", 3}, {":SYSemT:COMMunication:LAN:IP:ADDRess?", 6},
+    {":SYSemT:COMMunication:LAN:SET:MODE AUTO", 7, "AUTO"},
+    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess 7", 14, "7"},
+    {":SYSTem:COMMunicate:RS232:BAUD 9600", 15, "9600"}, {":SYSTem:COMMunicate:RS232:BAUD?", 17},
+    {":DIAGnostic:TEST:CARD:BIP?", 9}, {":DIAGnostic:TEST:CARD:SPILOOP?", 10},
+    {":DIAGnostic:TEST:CARD:STATe?", 11}, {"[:ROUTe]:OPEN:ALL", 20},
+    {"[:ROUTe]:CLOSe (@1(1!1))", 19, "(@1(1!1))"}, {"[:ROUTe]:CLOSe:ALL", 21},
+    {":CLOSe   (@1(1!1))", 19, "  (@1(1!1))"},
+    // No lower-case letter: the short forms.
+    {":SYST:VERS?X", 1}, {":SYST:MOD?", 3}, {":SYST:COMM:LAN:MODE?", 8},
+    {":SYST:COMM:GPIB:RDEV:ADDR?", 16}, {":SYST:COMM:RS232:BAUD 115200", 15, "115200"},
+    {"[:ROUT]:OPEN (@1(2!2))", 18, "(@1(2!2))"}, {"[:ROUT]:CLOS (@1(2!2))", 19, "(@1(2!2))"},
+    {":OPEN:ALLX", 20}, {":CLOS:ALL", 21}, {":CLOS ", 19, ""},
+    // The bracketed upper-case ":ALL" forms are list commands with an empty list.
+    {"[:ROUT]:CLOS:ALL", 19, ""},
+    // Not recognised: the wrong table for the case used, or near misses.
+    {":SYSTEM:VERSION?", 22}, {":SYST:VERS?x", 22}, {":syst:vers?", 22}, {"*RST", 22},
+    {":SYSTem:COMMunication:LAN:MODE?", 22}, {":SYST:COMM:LAN:SET:MODE AUTO", 22},
+    {":SYST:CTRL:SET:LOCAL", 22}, {":CLOSE (@1(1!1))", 22}, {"", 22},
+};
+
+TEST(LineMatching, TableEntriesYieldTheirIdAndArgument) {
+  for (const LineCase &c : kLines) {
+    SCOPED_TRACE(c.line);
+    char message[64] = "untouched";
+    char argument[QBVISA_SCPI_ARGUMENT_SIZE];
+    std::memset(argument, '#', sizeof argument);
+    uint32_t id = 99;
+    scpi_parser(0, c.line, message, argument, &id);
+    EXPECT_EQ(id, c.id);
+    EXPECT_STREQ(message, c.id == 22 ? "Unknown Command" : "untouched");
+    if (c.argument != nullptr) {
+      EXPECT_STREQ(argument, c.argument);
+    } else {
+      EXPECT_EQ(argument[0], '#');
+    }
+  }
+}
+
+TEST(LineMatching, OverlongArgumentIsCutToTheBuffer) {
+  const std::string list = "(@1(" + std::string(400, '1') + "))";
+  char area[QBVISA_SCPI_ARGUMENT_SIZE + 16];
+  std::memset(area, '#', sizeof area);
+  uint32_t id = 0;
+  scpi_parser(0, (":CLOS " + list).c_str(), nullptr, area, &id);
+  EXPECT_EQ(id, 19u);
+  EXPECT_EQ(std::string(area), list.substr(0, QBVISA_SCPI_ARGUMENT_SIZE - 1));
+  EXPECT_EQ(area[QBVISA_SCPI_ARGUMENT_SIZE], '#');
+}
+
 Parsed parse(const std::string &text) {
   char message[256] = {};
   SCPIResult result = parseSCPICrossPoint(text.c_str(), message);
@@ -43,6 +105,7 @@ Parsed parse(const std::string &text) {
   for (int i = 0; i < result.count; ++i)
     parsed.points.emplace_back(result.points[i].row, result.points[i].column);
   freeSCPIResult(&result);
+  freeSCPIResult(&result);  // a second release is harmless
   EXPECT_EQ(result.points, nullptr);
   return parsed;
 }
@@ -94,22 +157,6 @@ TEST(ListParsing, BoundsOfTheSliceAndOfTheRectangle) {
   const Parsed over = parse("(@1(1!1:1000!1000,7!7))");
   EXPECT_EQ(over.points.size(), 1000000u);
   EXPECT_EQ(over.message, kBadPoint);
-}
-
-TEST(ListParsing, ItemsAppendToAResultHoldingExactlyItsPoints) {
-  // A result built by hand holds a block of exactly `count` points.
-  SCPIResult result{3, static_cast<CrossPoint *>(std::malloc(sizeof(CrossPoint))), 1};
-  result.points[0] = CrossPoint{9, 9};
-  char message[64] = {};
-  EXPECT_EQ(parseCrosspoints(&result, "1!1:3!3", message), 0);
-  EXPECT_EQ(parseCrosspoints(&result, "4", message), -1);
-  EXPECT_STREQ(message, kBadPoint);
-  ASSERT_EQ(result.count, 10);
-  EXPECT_EQ(result.points[0].row, 9);
-  EXPECT_EQ(result.points[9].column, 3);
-  freeSCPIResult(&result);
-  freeSCPIResult(&result);  // a second release is harmless
-  EXPECT_EQ(result.count, 0);
 }
 
 // An address-space limit cannot coexist with the sanitizer's shadow memory.
