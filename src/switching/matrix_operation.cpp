@@ -59,8 +59,11 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
   // Only the chassis's own matrix is switched by relay-state frames.
   if (slot != 0) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
 
+  // The frame builder reads the slot's points only; those the caller's
+  // words do not reach start open.
   uint8_t points[qbvisa::kPointListBytes];
-  std::memset(points, 0, sizeof points);
+  std::memset(points, 0,
+              std::min<size_t>(record->slots[0].pointCount, sizeof points));
   // No words at all leaves every point open: an all-open frame goes out.
   UserArrayToMatrixPoints(
       array, record->slots[0].arrayWordLimit,

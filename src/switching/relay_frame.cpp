@@ -143,8 +143,14 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
   if (boards > kImageBoards || words > kBitGroupsPerBoard)
     return QBVISA_ERR_PARAMETER;
 
+  // Only the bit groups that go on the wire must start open: the builder
+  // merely sets bytes elsewhere (unfitted boards, the RK422's upper row
+  // blocks) and nothing reads them, so clearing the whole image per call
+  // would cost more than packing it.
   uint8_t image[kRelayImageBytes];
-  std::memset(image, 0, sizeof image);
+  for (int board = 0; board < boards; ++board)
+    std::memset(image + board * kBoardBytes, 0,
+                static_cast<size_t>(words) * kRelaysPerBitGroup);
   SetRelayStateDataType0(record, points, image);
 
   const int32_t payloadBytes = boards * words * 2;
