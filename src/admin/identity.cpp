@@ -197,12 +197,9 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
   if (slot < 1 || slot > 6) {
     return QBVISA_ERR_BAD_SLOT;
   }
-  const int32_t refreshed = refreshFirmwareVersion(*record);
+  const int32_t refreshed = refreshFirmwareVersionAndGate(*record);
   if (refreshed != 0) {
     return refreshed;
-  }
-  if (firmwareTooOld(*record)) {
-    return QBVISA_ERR_NOT_SUPPORTED;
   }
   beginRequest(*record, static_cast<uint16_t>(kSetCardSerialBase + slot));
   const uint32_t serial = DecimalValue(sn);

@@ -55,12 +55,9 @@ QBVISA_EXPORT int32_t QBVISA_GetHWVersion(uint32_t session, char *list,
   if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  const int32_t refreshed = refreshFirmwareVersion(*record);
+  const int32_t refreshed = refreshFirmwareVersionAndGate(*record);
   if (refreshed != 0) {
     return refreshed;
-  }
-  if (firmwareTooOld(*record)) {
-    return QBVISA_ERR_NOT_SUPPORTED;
   }
   beginRequest(*record, kIdentityQuery);
   // The reply is read whatever the exchange reports: a chassis that drops

@@ -78,4 +78,10 @@ int32_t refreshFirmwareVersion(ChassisRecord &record) {
   return 0;
 }
 
+int32_t refreshFirmwareVersionAndGate(ChassisRecord &record) {
+  const int32_t refreshed = refreshFirmwareVersion(record);
+  if (refreshed != 0) return refreshed;
+  return firmwareTooOld(record) ? QBVISA_ERR_NOT_SUPPORTED : 0;
+}
+
 }  // namespace qbvisa

@@ -89,4 +89,8 @@ int32_t sendBareRequest(ChassisRecord &record, uint16_t command);
 // status, leaving the record's version as it was on failure.
 int32_t refreshFirmwareVersion(ChassisRecord &record);
 
+// The refresh followed at once by the firmware gate: 0, the exchange's
+// status, or -10020 for an RK420/RK420B older than 3.06.
+int32_t refreshFirmwareVersionAndGate(ChassisRecord &record);
+
 }  // namespace qbvisa
