@@ -80,6 +80,19 @@ void placePoint(uint8_t *board, uint32_t kind, uint32_t row,
 
 }  // namespace
 
+namespace qbvisa {
+
+int32_t slotClosureLimit(const ChassisRecord &record) {
+  const SlotArea &slot = record.slots[0];
+  const bool limited =
+      isRk420Family(record) || record.modelTypeCode == QBVISA_TYPE_RK421;
+  if (limited && slot.matrixKind == MATRIX_KIND_RK420) return kClosureLimitRk420;
+  if (limited && slot.matrixKind == MATRIX_KIND_RK421) return kClosureLimitRk421;
+  return INT32_MAX;
+}
+
+}  // namespace qbvisa
+
 extern "C" {
 
 QBVISA_EXPORT int32_t SetRelayStateDataType0(ChassisRecord *record,
@@ -159,13 +172,7 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
   frame[2] = 0;
   frame[3] = 0;
 
-  const bool limited =
-      isRk420Family(*record) || record->modelTypeCode == QBVISA_TYPE_RK421;
-  int32_t closureLimit = INT32_MAX;
-  if (limited && slot.matrixKind == MATRIX_KIND_RK420)
-    closureLimit = kClosureLimitRk420;
-  else if (limited && slot.matrixKind == MATRIX_KIND_RK421)
-    closureLimit = kClosureLimitRk421;
+  const int32_t closureLimit = qbvisa::slotClosureLimit(*record);
 
   int32_t closed = 0;
   for (int board = 0; board < boards; ++board) {

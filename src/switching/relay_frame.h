@@ -7,7 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "qbvisa_lowlevel.h"
+
 namespace qbvisa {
+
+// Most relays slot 0's frame may close at once (the chassis's power budget),
+// counted on what is sent; INT32_MAX where the model sets no limit.
+int32_t slotClosureLimit(const ChassisRecord &record);
 
 // Relay image: 25 boards of 200 bit groups of 16 relays, one byte a relay.
 inline constexpr int kImageBoards = 25;

@@ -1,0 +1,64 @@
+// Read-only facts about a connected chassis for bindings and front panels.
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "core/chassis_request.h"
+#include "qbvisa_ext.h"
+#include "switching/relay_frame.h"
+
+namespace {
+
+const char *modelNameOf(uint16_t typeCode) {
+  switch (typeCode) {
+    case QBVISA_TYPE_RK420: return "RK420";
+    case QBVISA_TYPE_RK420B: return "RK420B";
+    case QBVISA_TYPE_RK421: return "RK421";
+    case QBVISA_TYPE_RK422: return "RK422";
+    case QBVISA_TYPE_RK423: return "RK423";
+    case QBVISA_TYPE_RK423B: return "RK423B";
+    default: return "";
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+QBVISA_EXPORT int32_t QBVISA_GetSlotInfo(uint32_t session, uint64_t slot,
+                                         QBVISA_SlotInfo *info) {
+  if (info == nullptr) return QBVISA_ERR_PARAMETER;
+  const ChassisRecord *record = qbvisa::lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
+  if (slot >= sizeof record->slots / sizeof record->slots[0])
+    return QBVISA_ERR_PARAMETER;
+  const SlotArea &area = record->slots[slot];
+  QBVISA_SlotInfo out{};
+  out.rows = area.rowCount;
+  out.columnsPerSubMatrix = area.columnCount;
+  out.subMatrices = area.subMatrixCount;
+  const uint32_t subs = std::min<uint32_t>(area.subMatrixCount, sizeof area.cardPresent);
+  for (uint32_t s = 0; s < subs; ++s)
+    if (area.cardPresent[s] == 1) out.fittedMask |= 1u << s;
+  out.pointCount = area.pointCount;
+  out.arrayWords = area.arrayWordLimit;
+  const int32_t limit = slot == 0 ? qbvisa::slotClosureLimit(*record) : INT32_MAX;
+  out.closureLimit = limit == INT32_MAX ? 0 : static_cast<uint32_t>(limit);
+  out.matrixKind = area.matrixKind;
+  *info = out;
+  return 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_GetModelName(uint32_t session, char *name,
+                                          uint32_t size) {
+  if (name == nullptr || size == 0) return QBVISA_ERR_PARAMETER;
+  const ChassisRecord *record = qbvisa::lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
+  const char *model = modelNameOf(record->modelTypeCode);
+  const size_t length = std::min<size_t>(std::strlen(model), size - 1);
+  std::memcpy(name, model, length);
+  name[length] = '\0';
+  return 0;
+}
+
+}  // extern "C"
