@@ -1,6 +1,7 @@
-// control.cpp - the bench's control API for tests and tools, and the two C
-// hooks that tools find with dlsym.
+// control.cpp - the bench's control API for tests and tools, and the C
+// entry points that tools and the Python package reach (by dlsym or ctypes).
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
 #include "runtime.hpp"
@@ -106,6 +107,90 @@ __attribute__((visibility("default"))) int qbsim_relay_geometry(const char *reso
     if (boards != nullptr) *boards = qbsim::detail::boardCount(state.model);
     if (groups_per_board != nullptr) *groups_per_board = groups;
     return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+}  // extern "C"
+
+namespace {
+
+// Copies `text` into a caller's buffer, cut to fit and always terminated.
+void copyOut(const std::string &text, char *buffer, int size) {
+  if (buffer == nullptr || size <= 0) return;
+  const size_t length = std::min(text.size(), static_cast<size_t>(size) - 1);
+  std::memcpy(buffer, text.data(), length);
+  buffer[length] = '\0';
+}
+
+template <typename Load>
+int loadBench(Load load, char *error, int errorSize) {
+  try {
+    qbsim::setBench(load());
+    copyOut("", error, errorSize);
+    return 0;
+  } catch (const std::exception &e) {
+    copyOut(e.what(), error, errorSize);
+    return -1;
+  }
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) int qbsim_load_bench_json(const char *json, char *error,
+                                                                 int error_size) {
+  if (json == nullptr) return -1;
+  return loadBench([&] { return qbsim::parseBench(json); }, error, error_size);
+}
+
+__attribute__((visibility("default"))) int qbsim_load_bench_file(const char *path, char *error,
+                                                                 int error_size) {
+  if (path == nullptr) return -1;
+  return loadBench([&] { return qbsim::loadBenchFile(path); }, error, error_size);
+}
+
+__attribute__((visibility("default"))) int qbsim_use_default_bench(void) {
+  return loadBench([] { return qbsim::defaultBench(); }, nullptr, 0);
+}
+
+__attribute__((visibility("default"))) int qbsim_reset(void) {
+  try {
+    const qbsim::Bench initial = qbsim::currentBench();
+    qbsim::setBench(initial);
+    return 0;
+  } catch (...) {
+    return -1;
+  }
+}
+
+__attribute__((visibility("default"))) int qbsim_inject_fault(const char *resource,
+                                                              const char *kind) {
+  static constexpr std::pair<const char *, qbsim::Fault> kFaults[] = {
+      {"WriteFails", qbsim::Fault::WriteFails},     {"ReadFails", qbsim::Fault::ReadFails},
+      {"FailureReply", qbsim::Fault::FailureReply}, {"ShortReply", qbsim::Fault::ShortReply},
+      {"Timeout", qbsim::Fault::Timeout},           {"Vanish", qbsim::Fault::Vanish},
+  };
+  if (resource == nullptr || kind == nullptr) return -1;
+  for (const auto &[name, fault] : kFaults) {
+    if (std::strcmp(name, kind) != 0) continue;
+    try {
+      qbsim::injectFault(resource, fault);
+      return 0;
+    } catch (...) {
+      return -1;
+    }
+  }
+  return -1;
+}
+
+__attribute__((visibility("default"))) int qbsim_bench_json(char *buffer, int size) {
+  try {
+    const std::string json = qbsim::benchToJson(qbsim::currentBench());
+    copyOut(json, buffer, size);
+    return static_cast<int>(json.size());
   } catch (...) {
     return -1;
   }

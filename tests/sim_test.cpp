@@ -270,3 +270,34 @@ TEST(BenchFileDeathTest, EnvironmentNamesTheBenchFile) {
 }
 
 }  // namespace
+
+// The entry points bindings call: bench loading with its reason on failure,
+// faults by name, and reset back to the described state.
+TEST(BenchEntryPoints, LoadInjectAndReset) {
+  char error[128] = "x";
+  EXPECT_EQ(qbsim_load_bench_json("{\"version\": 9, \"resources\": []}", error, sizeof error), -1);
+  EXPECT_NE(std::string(error), "");
+  EXPECT_EQ(qbsim_load_bench_file("/nonexistent/bench.json", nullptr, 0), -1);
+  const std::string one =
+      R"({"version": 1, "resources": [{"name": "GPIB0::7::INSTR", "chassis": {"model": "RK423"}}]})";
+  ASSERT_EQ(qbsim_load_bench_json(one.c_str(), error, sizeof error), 0) << error;
+  EXPECT_EQ(qbsim::currentBench().resources.size(), 1u);
+  std::vector<char> json(qbsim_bench_json(nullptr, 0) + 1);
+  EXPECT_EQ(qbsim_bench_json(json.data(), static_cast<int>(json.size())), static_cast<int>(json.size()) - 1);
+  EXPECT_EQ(qbsim::parseBench(json.data()).resources.at(0).name, "GPIB0::7::INSTR");
+
+  EXPECT_EQ(qbsim_inject_fault("GPIB0::7::INSTR", "Flood"), -1);
+  EXPECT_EQ(qbsim_inject_fault("GPIB0::8::INSTR", "Vanish"), -1);
+  ASSERT_EQ(qbsim_inject_fault("GPIB0::7::INSTR", "Vanish"), 0);
+  ViSession rm = VI_NULL, vi = VI_NULL;
+  ASSERT_EQ(viOpenDefaultRM(&rm), VI_SUCCESS);
+  ViUInt32 count = 0;
+  EXPECT_LT(viOpen(rm, "GPIB0::7::INSTR", 0, 0, &vi), 0);  // gone
+  ASSERT_EQ(qbsim_reset(), 0);  // the instrument is back, every old session closed
+  ASSERT_EQ(viOpenDefaultRM(&rm), VI_SUCCESS);
+  ASSERT_EQ(viOpen(rm, "GPIB0::7::INSTR", 0, 0, &vi), VI_SUCCESS);
+  EXPECT_EQ(viWrite(vi, reinterpret_cast<const ViByte *>("\x08\0\0\0"), 4, &count), VI_SUCCESS);
+  viClose(rm);
+  ASSERT_EQ(qbsim_use_default_bench(), 0);
+  EXPECT_EQ(qbsim::currentBench().resources.size(), 5u);
+}

@@ -177,4 +177,23 @@ extern "C" {
 int qbsim_closed_relays(const char *resource, int32_t *triples, int max_triples);
 // Sets the board count and bit groups per board; returns 0.
 int qbsim_relay_geometry(const char *resource, int *boards, int *groups_per_board);
+
+// For bindings (ctypes) that cannot use the C++ API. Each returns 0, or -1
+// with the reason in `error` (cut to error_size, may be null).
+// Replaces the bench (closing every session) from a bench-file text or file,
+// or with the built-in bench.
+int qbsim_load_bench_json(const char *json, char *error, int error_size);
+int qbsim_load_bench_file(const char *path, char *error, int error_size);
+int qbsim_use_default_bench(void);
+// Puts every instrument of the current bench back to its described state
+// (relays open, settings as described, faults and traffic cleared); closes
+// every session.
+int qbsim_reset(void);
+// Arms a fault on `resource`: "WriteFails", "ReadFails", "FailureReply",
+// "ShortReply", "Timeout" or "Vanish" (see qbsim::Fault). -1 for an unknown
+// resource or kind.
+int qbsim_inject_fault(const char *resource, const char *kind);
+// The bench as first described (bench-file JSON) into `buffer`, cut to size;
+// returns the full length, or -1.
+int qbsim_bench_json(char *buffer, int size);
 }
