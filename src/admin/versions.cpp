@@ -13,7 +13,7 @@ using namespace qbvisa;
 
 // Version lists are arrays of 10-byte text slots.
 constexpr size_t kTextSlot = 10;
-// The largest chassis (RK422) has 21 card positions: with the controller's
+// The largest chassis has 21 card positions: with the controller's
 // own entry no version list is longer than 22 slots, which bounds what the
 // library writes into a caller's list.
 constexpr size_t kMaxCardPositions = 21;
@@ -85,7 +85,7 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
   if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  if (isRk420Family(*record)) {
+  if (takesCards(*record)) {
     const int32_t refreshed = refreshFirmwareVersion(*record);
     if (refreshed != 0) {
       return refreshed;
@@ -94,8 +94,8 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
     return 0;
   }
   const uint8_t *reply = record->replyBuffer;
-  if (record->modelTypeCode == QBVISA_TYPE_RK421) {
-    // The RK421 has two controllers: the main one answers command 11, the
+  if (hasPortsAndControlMode(*record)) {
+    // A chassis with ports has two controllers: the main one answers command 11, the
     // second one command 49. Neither is the record's firmware version.
     int32_t status = sendBareRequest(*record, kVersionQuery);
     if (status < 0) {
@@ -156,7 +156,7 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
   char first = 0;
   char second = 0;
   if (firmwareTooOld(*record)) {
-    // Older RK420/RK420B controllers answer a seven-digit serial in three
+    // Older controllers of card-taking chassis answer a seven-digit serial in three
     // bytes and pack the type code right behind it.
     serial = static_cast<uint32_t>(reply[0]) << 16 |
              static_cast<uint32_t>(reply[2]) << 8 | reply[4];

@@ -13,7 +13,7 @@ constexpr ChassisModel kModels[] = {
     // card); controllers before firmware 2 drive 13 words per board.
     {.name = "RK420", .codeText = "041A", .typeCode = QBVISA_TYPE_RK420,
      .slotCount = 6, .subMatrixCount = 5, .slot0Kind = MATRIX_KIND_RK420,
-     .slot2Kind = MATRIX_KIND_AP,
+     .slot2Kind = MATRIX_KIND_AP, .slot2PointCount = 112,
      .firstGeneration = {19, 12, 10, 5, 5, 13, 600},
      .current = {32, 12, 10, 5, 5, 12, 600}, .geometryWords = {6, 5},
      .ltIsolationCount = 0, .closureLimit = 400, .singleBoard = false,
@@ -23,7 +23,7 @@ constexpr ChassisModel kModels[] = {
     // RK420B: the RK420 with its own AP card in slot 2.
     {.name = "RK420B", .codeText = "041B", .typeCode = QBVISA_TYPE_RK420B,
      .slotCount = 6, .subMatrixCount = 5, .slot0Kind = MATRIX_KIND_RK420,
-     .slot2Kind = MATRIX_KIND_AP_420B,
+     .slot2Kind = MATRIX_KIND_AP_420B, .slot2PointCount = 100,
      .firstGeneration = {19, 12, 10, 5, 5, 13, 600},
      .current = {32, 12, 10, 5, 5, 12, 600}, .geometryWords = {6, 5},
      .ltIsolationCount = 0, .closureLimit = 400, .singleBoard = false,
@@ -34,7 +34,7 @@ constexpr ChassisModel kModels[] = {
     // 5 reach the CV bus; the first six columns are wired in reverse.
     {.name = "RK421", .codeText = "042A", .typeCode = QBVISA_TYPE_RK421,
      .slotCount = 4, .subMatrixCount = 4, .slot0Kind = MATRIX_KIND_RK421,
-     .slot2Kind = 0, .firstGeneration = {15, 10, 12, 4, 4, 13, 480},
+     .slot2Kind = 0, .slot2PointCount = 0, .firstGeneration = {15, 10, 12, 4, 4, 13, 480},
      .current = {15, 10, 12, 4, 4, 13, 480}, .geometryWords = {0, 0},
      .ltIsolationCount = 0, .closureLimit = 270, .singleBoard = true,
      .hasPortsAndControlMode = true, .clearCommand = 0,
@@ -44,7 +44,7 @@ constexpr ChassisModel kModels[] = {
     // command 67 instead of an all-open frame; no closure limit.
     {.name = "RK422", .codeText = "043A", .typeCode = QBVISA_TYPE_RK422,
      .slotCount = 21, .subMatrixCount = 21, .slot0Kind = MATRIX_KIND_RK422,
-     .slot2Kind = 0, .firstGeneration = {1008, 16, 96, 21, 21, 49, 32256},
+     .slot2Kind = 0, .slot2PointCount = 0, .firstGeneration = {1008, 16, 96, 21, 21, 49, 32256},
      .current = {1008, 16, 96, 21, 21, 49, 32256}, .geometryWords = {0, 0},
      .ltIsolationCount = 0, .closureLimit = 0, .singleBoard = true,
      .hasPortsAndControlMode = false, .clearCommand = 67,
@@ -54,7 +54,7 @@ constexpr ChassisModel kModels[] = {
     // two LT isolation relays switched with every frame.
     {.name = "RK423", .codeText = "044A", .typeCode = QBVISA_TYPE_RK423,
      .slotCount = 1, .subMatrixCount = 1, .slot0Kind = MATRIX_KIND_RK423,
-     .slot2Kind = 0, .firstGeneration = {3, 8, 12, 1, 1, 10, 96},
+     .slot2Kind = 0, .slot2PointCount = 0, .firstGeneration = {3, 8, 12, 1, 1, 10, 96},
      .current = {3, 8, 12, 1, 1, 10, 96}, .geometryWords = {0, 0},
      .ltIsolationCount = 2, .closureLimit = 0, .singleBoard = true,
      .hasPortsAndControlMode = false, .clearCommand = 0,
@@ -64,7 +64,7 @@ constexpr ChassisModel kModels[] = {
     // caller names (not forced to 0), as it always has.
     {.name = "RK423B", .codeText = "044B", .typeCode = QBVISA_TYPE_RK423B,
      .slotCount = 1, .subMatrixCount = 1, .slot0Kind = MATRIX_KIND_RK423,
-     .slot2Kind = 0, .firstGeneration = {3, 8, 12, 1, 1, 10, 96},
+     .slot2Kind = 0, .slot2PointCount = 0, .firstGeneration = {3, 8, 12, 1, 1, 10, 96},
      .current = {3, 8, 12, 1, 1, 10, 96}, .geometryWords = {0, 0},
      .ltIsolationCount = 2, .closureLimit = 0, .singleBoard = false,
      .hasPortsAndControlMode = false, .clearCommand = 0,

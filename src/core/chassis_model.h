@@ -36,6 +36,7 @@ struct ChassisModel {
   uint16_t subMatrixCount;    // of slot 0
   uint32_t slot0Kind;         // MATRIX_KIND_* of the chassis's own matrix
   uint32_t slot2Kind;         // MATRIX_KIND_* of the AP card; 0: no card slots
+  uint16_t slot2PointCount;   // points of that AP card
   MainGeometry firstGeneration;  // slot 0 under firmware major 0 or 1
   MainGeometry current;          // slot 0 under later firmware
   uint16_t geometryWords[2];  // slot 0's, when the model sets them (else 0)

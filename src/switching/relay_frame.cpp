@@ -109,7 +109,7 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
     return QBVISA_ERR_PARAMETER;
 
   // Only the bit groups that go on the wire must start open: the builder
-  // merely sets bytes elsewhere (unfitted boards, the RK422's upper row
+  // merely sets bytes elsewhere (unfitted boards, a row-block model's upper row
   // blocks) and nothing reads them, so clearing the whole image per call
   // would cost more than packing it.
   uint8_t image[kRelayImageBytes];
