@@ -38,7 +38,7 @@ int32_t setPortedWord(uint32_t session, uint16_t command, uint16_t value) {
   return status < 0 ? status : 0;
 }
 
-bool IsSupportedBaudRate(uint32_t rate) {
+bool isSupportedBaudRate(uint32_t rate) {
   switch (rate) {
     case 9600:
     case 19200:
@@ -143,7 +143,7 @@ QBVISA_EXPORT int32_t QBVISA_SetBaudRate(uint32_t session, uint32_t rate) {
   // Every return releases it, a refused rate or session included: a caller
   // that passed a bad rate must not block every later caller for good.
   SettingsLock lock;
-  if (!IsSupportedBaudRate(rate)) {
+  if (!isSupportedBaudRate(rate)) {
     return QBVISA_ERR_BAUDRATE;
   }
   ChassisRecord *record = nullptr;

@@ -19,13 +19,13 @@ constexpr size_t kTextSlot = 10;
 constexpr size_t kMaxCardPositions = 21;
 constexpr size_t kMaxListSlots = kMaxCardPositions + 1;
 
-void FormatFirmware(char *slot, unsigned major, unsigned minor) {
+void formatFirmware(char *slot, unsigned major, unsigned minor) {
   std::snprintf(slot, kTextSlot, "%x.%02x", major, minor);
 }
 
 // Hardware versions are one decimal byte: tens the major, units the minor.
 // A byte of 100 or more gives a hexadecimal major (123 reads "c.3").
-void FormatHardware(char *slot, uint8_t version) {
+void formatHardware(char *slot, uint8_t version) {
   std::snprintf(slot, kTextSlot, "%x.%x", version / 10U, version % 10U);
 }
 
@@ -34,7 +34,7 @@ void FormatHardware(char *slot, uint8_t version) {
 // characters: callers that want it pass buffers prefilled to that length,
 // while an empty buffer receives the whole text. At most `maxlen` bytes of the
 // old contents are examined.
-void CopyInfoText(char *destination, char *text, uint64_t maxlen) {
+void copyInfoText(char *destination, char *text, uint64_t maxlen) {
   if (strnlen(destination, maxlen) == maxlen) {
     mystrncpy(text, maxlen);
   }
@@ -65,12 +65,12 @@ QBVISA_EXPORT int32_t QBVISA_GetHWVersion(uint32_t session, char *list,
   // query left in the reply buffer.
   (void)exchange(*record, kBareRequestBytes);
   const uint8_t *reply = record->replyBuffer;
-  FormatHardware(list, reply[8]);
+  formatHardware(list, reply[8]);
   const size_t cards = record->slotCount < kMaxCardPositions
                            ? record->slotCount
                            : kMaxCardPositions;
   for (size_t k = 1; k <= cards; ++k) {
-    FormatHardware(list + k * kTextSlot, reply[(k - 1) * 10 + 24]);
+    formatHardware(list + k * kTextSlot, reply[(k - 1) * 10 + 24]);
   }
   return 0;
 }
@@ -90,7 +90,7 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
     if (refreshed != 0) {
       return refreshed;
     }
-    FormatFirmware(list, record->firmwareMajor, record->firmwareMinor);
+    formatFirmware(list, record->firmwareMajor, record->firmwareMinor);
     return 0;
   }
   const uint8_t *reply = record->replyBuffer;
@@ -101,12 +101,12 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
     if (status < 0) {
       return status;
     }
-    FormatFirmware(list, reply[2], reply[3]);
+    formatFirmware(list, reply[2], reply[3]);
     status = sendBareRequest(*record, kSecondVersionQuery);
     if (status < 0) {
       return status;
     }
-    FormatFirmware(list + kTextSlot, reply[2], reply[3]);
+    formatFirmware(list + kTextSlot, reply[2], reply[3]);
     return 0;
   }
   const int32_t status = sendBareRequest(*record, kVersionQuery);
@@ -121,7 +121,7 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
     if (reply[p] == 0 || reply[p + 1] == 0) {
       break;
     }
-    FormatFirmware(list + slot * kTextSlot, reply[p], reply[p + 1]);
+    formatFirmware(list + slot * kTextSlot, reply[p], reply[p + 1]);
     ++slot;
   }
   return 0;
@@ -143,7 +143,7 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
     return refreshed;
   }
   char version[kTextSlot];
-  FormatFirmware(version, record->firmwareMajor, record->firmwareMinor);
+  formatFirmware(version, record->firmwareMajor, record->firmwareMinor);
 
   beginRequest(*record, kIdentityQuery);
   const int32_t status = exchange(*record, kBareRequestBytes);
@@ -184,10 +184,10 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
   std::snprintf(type, sizeof type, "%04X", typeCode);
   std::snprintf(chars, sizeof chars, "%c%c", first, second);
   std::snprintf(sn, sizeof sn, "%8u", serial);
-  CopyInfoText(typeText, type, maxlen);
-  CopyInfoText(charText, chars, maxlen);
-  CopyInfoText(snText, sn, maxlen);
-  CopyInfoText(versionText, version, maxlen);
+  copyInfoText(typeText, type, maxlen);
+  copyInfoText(charText, chars, maxlen);
+  copyInfoText(snText, sn, maxlen);
+  copyInfoText(versionText, version, maxlen);
   return 0;
 }
 
