@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
@@ -77,31 +78,6 @@ uint32_t readSerial(const uint8_t *reply, size_t first) {
          static_cast<uint32_t>(reply[first + 4]) << 8 |
          static_cast<uint32_t>(reply[first + 6]);
 }
-
-const char *cardTypeName(int32_t code) {
-  static constexpr const char *kNames[] = {
-      "N7360",    "N7362",    "N7363",   "N7364",   "GX3",
-      "N7361-F",  "N7361-HH", "N7361-H", "N7361-H", "N7361-HH",
-      "N7361-FH", "K57",      "K63"};
-  if (code < 0 || static_cast<size_t>(code) >= std::size(kNames)) {
-    return "Unknown";
-  }
-  return kNames[code];
-}
-
-struct CardSize {
-  const char *name;
-  const char *size;
-};
-
-// "N7361-FF" has no card type code but keeps its size for callers that pass
-// the name themselves.
-constexpr CardSize kCardSizes[] = {
-    {"N7360", "12*10"},    {"GX3", "8*50"},      {"N7361-F", "8*50"},
-    {"N7361-FF", "16*50"}, {"N7361-FH", "16*50"}, {"N7361-HH", "16*50"},
-    {"N7361-H", "8*50"},   {"K57", "14*8"},      {"K63", "10*10"},
-    {"N7362", "10*12"},    {"N7363", "16*96"},   {"N7364", "8*12"},
-};
 
 }  // namespace
 
@@ -229,7 +205,9 @@ QBVISA_EXPORT int32_t QBVISA_GetCardType(uint32_t session, uint32_t card,
   }
   char text[kShortText];
   std::snprintf(text, sizeof text, "%s",
-                cardTypeName(static_cast<int32_t>(record->slots[card].matrixKind)));
+                cardNameOfKind(record->slots[card].matrixKind) != nullptr
+                    ? cardNameOfKind(record->slots[card].matrixKind)
+                    : "Unknown");
   std::memcpy(name, text, std::strlen(text) + 1);
   return 0;
 }
@@ -240,11 +218,8 @@ QBVISA_EXPORT int32_t QBVISA_GetCardSize(const char *name, char *size) {
   }
   const char *found = "Unknown";
   if (name != nullptr) {
-    for (const CardSize &entry : kCardSizes) {
-      if (std::strcmp(name, entry.name) == 0) {
-        found = entry.size;
-        break;
-      }
+    if (const char *known = cardSizeOf(name)) {
+      found = known;
     }
   }
   char text[kShortText];

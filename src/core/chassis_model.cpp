@@ -83,6 +83,25 @@ constexpr CardType kCards[] = {
     {12, MATRIX_KIND_GX3, 13, 8, 4, 10, 400, 0},
 };
 
+// Every matrix kind's card name and size; "N7361-FF" has no kind but keeps
+// its size for callers that pass the name themselves.
+constexpr CardName kCardNames[] = {
+    {MATRIX_KIND_RK420, "N7360", "12*10"},
+    {MATRIX_KIND_RK421, "N7362", "10*12"},
+    {MATRIX_KIND_RK422, "N7363", "16*96"},
+    {MATRIX_KIND_RK423, "N7364", "8*12"},
+    {MATRIX_KIND_GX3, "GX3", "8*50"},
+    {MATRIX_KIND_GX4_TYPE3, "N7361-F", "8*50"},
+    {MATRIX_KIND_GX4_TYPE0, "N7361-HH", "16*50"},
+    {MATRIX_KIND_GX4C, "N7361-H", "8*50"},
+    {MATRIX_KIND_GX4CNEW_TYPE11, "N7361-H", "8*50"},
+    {MATRIX_KIND_GX4CNEW_TYPE9, "N7361-HH", "16*50"},
+    {MATRIX_KIND_GX4MIX, "N7361-FH", "16*50"},
+    {MATRIX_KIND_AP, "K57", "14*8"},
+    {MATRIX_KIND_AP_420B, "K63", "10*10"},
+    {kNoMatrixKind, "N7361-FF", "16*50"},
+};
+
 }  // namespace
 
 std::span<const ChassisModel> chassisModels() { return kModels; }
@@ -117,6 +136,19 @@ std::span<const CardType> cardTypes() { return kCards; }
 const CardType *cardByTypeByte(uint8_t typeByte) {
   for (const CardType &card : kCards)
     if (card.typeByte == typeByte) return &card;
+  return nullptr;
+}
+
+const char *cardNameOfKind(uint32_t kind) {
+  if (kind == kNoMatrixKind) return nullptr;
+  for (const CardName &card : kCardNames)
+    if (card.matrixKind == kind) return card.name;
+  return nullptr;
+}
+
+const char *cardSizeOf(const char *name) {
+  for (const CardName &card : kCardNames)
+    if (std::strcmp(card.name, name) == 0) return card.sizeText;
   return nullptr;
 }
 

@@ -76,4 +76,18 @@ struct CardType {
 std::span<const CardType> cardTypes();
 const CardType *cardByTypeByte(uint8_t typeByte);
 
+// The card name a slot reports for the matrix kind it holds, and the size
+// text ("rows*columns") of a card name.
+struct CardName {
+  uint32_t matrixKind;  // kNoMatrixKind: a name callers may pass, no kind
+  const char *name;
+  const char *sizeText;
+};
+inline constexpr uint32_t kNoMatrixKind = UINT32_MAX;
+
+// nullptr for a kind no card has.
+const char *cardNameOfKind(uint32_t kind);
+// nullptr for an unknown name.
+const char *cardSizeOf(const char *name);
+
 }  // namespace qbvisa
