@@ -7,7 +7,4 @@ scripts/deps.sh
 scripts/build.sh build
 tool=build/tools/qbvisa
 export LD_LIBRARY_PATH="$PWD/build/sim${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
-if [ -x scripts/demo-steps.sh ]; then
-  exec scripts/demo-steps.sh "$tool"
-fi
-"$tool" scan
+exec scripts/demo-steps.sh "$tool"

@@ -12,7 +12,7 @@
 
 namespace {
 
-using namespace admin_bench;
+using namespace qbtest;
 using namespace std::string_literals;
 using Bytes = std::vector<uint8_t>;
 using Flags = std::array<uint8_t, 4>;
@@ -171,10 +171,10 @@ TEST(OnlineUpdate, Refusals) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     session = Connect({1, 1, 1, 1}, {1, 1, 1, 1}, c.rejectUpdate);
-    wire_tap::Scope tap;
+    qbtest::Scope tap;
     int frames = 0;
-    wire_tap::onWrite = [&](Bytes &frame) { if (frames++ == 2 && c.onThirdFrame) c.onThirdFrame(frame); };
-    wire_tap::onRead = c.onRead;
+    qbtest::onWrite = [&](Bytes &frame) { if (frames++ == 2 && c.onThirdFrame) c.onThirdFrame(frame); };
+    qbtest::onRead = c.onRead;
     EXPECT_EQ(QBVISA_OnlineUpdate(session, image.path.c_str()), c.expected);
     EXPECT_EQ(Commands(kName), c.sent);
     EXPECT_EQ(qbsim::firmwareImage(kName).empty(), c.onRead == nullptr);  // only a reply was changed

@@ -5,7 +5,7 @@
 
 namespace {
 
-using namespace admin_bench;
+using namespace qbtest;
 using qbsim::Model;
 using Version = std::pair<uint8_t, uint8_t>;
 

@@ -18,8 +18,8 @@
 
 namespace {
 
-using admin_bench::Commands;
-using admin_bench::Record;
+using qbtest::Commands;
+using qbtest::Record;
 using Frames = std::vector<std::vector<uint8_t>>;
 
 constexpr const char *kRemote421 = "GPIB0::5::INSTR";
@@ -37,14 +37,14 @@ std::string messageOf(int32_t code) {
 class ScpiBench : public ::testing::Test {
  protected:
   void SetUp() override {
-    qbsim::Resource local = admin_bench::Chassis(kLocal421, qbsim::Model::RK421);
+    qbsim::Resource local = qbtest::Chassis(kLocal421, qbsim::Model::RK421);
     local.chassis.controlMode = 0;
     local.chassis.lanMode = 1;
     local.chassis.boardInPlace = {1, 0, 1, 1};
     local.chassis.spiLoop = {0, 1, 1, 1};
-    const auto sessions = admin_bench::Connect(
-        {admin_bench::Chassis(kRemote421, qbsim::Model::RK421), local,
-         admin_bench::Chassis(kRK420, qbsim::Model::RK420)});
+    const auto sessions = qbtest::Connect(
+        {qbtest::Chassis(kRemote421, qbsim::Model::RK421), local,
+         qbtest::Chassis(kRK420, qbsim::Model::RK420)});
     ASSERT_EQ(sessions.size(), 3u);
     remote421 = sessions[0], local421 = sessions[1], rk420 = sessions[2];
     uint64_t kind = 0;
@@ -214,7 +214,7 @@ TEST_F(ScpiBench, IdentificationAndResetUseRawBytes) {
 }
 
 TEST_F(ScpiBench, MissingSessionAndTheStoredReply) {
-  const uint32_t unknown = admin_bench::kUnknownSession;
+  const uint32_t unknown = qbtest::kUnknownSession;
   for (const char *line : {"*IDN?", ":CLOSe (@1(1!1))", ":OPEN:ALL", ":SYST:VERS?"}) {
     EXPECT_EQ(query(unknown, line), messageOf(QBVISA_ERR_HANDLE)) << line;
     EXPECT_EQ(QBVISA_SCPIWrite(unknown, line), QBVISA_ERR_HANDLE) << line;

@@ -10,7 +10,7 @@
 
 namespace {
 
-using namespace admin_bench;
+using namespace qbtest;
 using namespace std::string_literals;
 using qbsim::Model;
 using Bytes = std::vector<uint8_t>;
@@ -28,8 +28,8 @@ TEST(SetIPAddress, SendsAddressAndDerivedGatewayThenAppliesExceptOnRk421) {
     EXPECT_EQ(qbsim::writes(kLan), expected);
   }
   // The answer to the apply command is ignored; a refused address is not.
-  wire_tap::Scope tap;
-  wire_tap::onWrite = [](Bytes &frame) {
+  qbtest::Scope tap;
+  qbtest::onWrite = [](Bytes &frame) {
     if (frame.size() == 2) qbsim::injectFault(kLan, qbsim::Fault::ReadFails);
   };
   EXPECT_EQ(QBVISA_SetIPAddress(session, "192.168.1.77"), 0);

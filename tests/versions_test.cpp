@@ -10,7 +10,7 @@
 
 namespace {
 
-using namespace admin_bench;
+using namespace qbtest;
 using qbsim::Model;
 using Texts = std::vector<std::string>;
 using Version = std::pair<uint8_t, uint8_t>;
@@ -80,10 +80,10 @@ TEST(GetHWVersion, ChassisThenEveryCardPosition) {
   EXPECT_EQ(Written(list).size(), 7u);
   // The identity reply is read whatever the exchange reports: a dropped
   // answer yields the cleared buffer's zeros.
-  wire_tap::Scope tap;
+  qbtest::Scope tap;
   const uint32_t session = Connect(Model::RK423);
   std::memset(list, '#', sizeof list);
-  wire_tap::onWrite = [](std::vector<uint8_t> &frame) {
+  qbtest::onWrite = [](std::vector<uint8_t> &frame) {
     if (frame[0] == 8) qbsim::injectFault(kName, qbsim::Fault::ReadFails);
   };
   EXPECT_EQ(QBVISA_GetHWVersion(session, list, 0), 0);

@@ -9,51 +9,76 @@
 #include <qbvisa.h>
 #include <qbvisa_lowlevel.h>
 
+#include "core/chassis_model.h"
 #include "tool_error.hpp"
+#include "wiring/crosspoint_wiring.h"
 
 namespace qbtool {
 
 const char *modelName(uint16_t typeCode) {
-  switch (typeCode) {
-    case QBVISA_TYPE_RK420: return "RK420";
-    case QBVISA_TYPE_RK420B: return "RK420B";
-    case QBVISA_TYPE_RK421: return "RK421";
-    case QBVISA_TYPE_RK422: return "RK422";
-    case QBVISA_TYPE_RK423: return "RK423";
-    case QBVISA_TYPE_RK423B: return "RK423B";
-    default: return nullptr;
-  }
+  const qbvisa::ChassisModel *model = qbvisa::modelByType(typeCode);
+  return model != nullptr ? model->name : nullptr;
 }
 
 std::optional<int> closureLimit(uint16_t typeCode) {
-  switch (typeCode) {
-    case QBVISA_TYPE_RK420:
-    case QBVISA_TYPE_RK420B: return 400;
-    case QBVISA_TYPE_RK421: return 270;
-    default: return std::nullopt;
+  const qbvisa::ChassisModel *model = qbvisa::modelByType(typeCode);
+  if (model == nullptr || model->closureLimit == 0) return std::nullopt;
+  return model->closureLimit;
+}
+
+bool hasTwoControllers(uint16_t typeCode) {
+  const qbvisa::ChassisModel *model = qbvisa::modelByType(typeCode);
+  return model != nullptr && model->hasPortsAndControlMode;
+}
+
+bool takesCards(uint16_t typeCode) {
+  return qbvisa::cardSlotModel(typeCode) != nullptr;
+}
+
+std::string modelList() {
+  std::string names;
+  for (const qbvisa::ChassisModel &model : qbvisa::chassisModels())
+    names += (names.empty() ? "" : ", ") + std::string(model.name);
+  return names;
+}
+
+std::string cardModelList() {
+  std::string names;
+  for (const qbvisa::ChassisModel &model : qbvisa::chassisModels())
+    if (model.slot2Kind != 0)
+      names += (names.empty() ? "" : "/") + std::string(model.name);
+  return names;
+}
+
+std::string closureLimitList() {
+  // Models sharing a limit are named together: "400 A/B, 270 C".
+  std::string text;
+  int32_t shown = -1;
+  for (const qbvisa::ChassisModel &model : qbvisa::chassisModels()) {
+    if (model.closureLimit == 0) continue;
+    if (model.closureLimit == shown) {
+      text += "/" + std::string(model.name);
+      continue;
+    }
+    text += (text.empty() ? "" : ", ") + std::to_string(model.closureLimit) +
+            " " + model.name;
+    shown = model.closureLimit;
   }
+  return text;
 }
 
 std::optional<RelayAddress> crosspointRelay(const Geometry &geometry, int row,
                                             int column) {
   const int board = geometry.subMatrixBoard[column / geometry.subColumns];
-  if (board < 0 || geometry.kind > MATRIX_KIND_RK423) return std::nullopt;
-  int subColumn = column % geometry.subColumns;
-  // The RK421 wires the first six columns of each sub-matrix in reverse.
-  if (geometry.modelType == QBVISA_TYPE_RK421 && subColumn <= 5)
-    subColumn = 5 - subColumn;
-  RelayPosition at{};
-  if (geometry.kind == MATRIX_KIND_RK422) {
-    // The RK422 tables describe one block of four rows with 1-based bits;
-    // block b sits wordsPerGroup words further on in the board.
-    GetPoint(geometry.kind, MATRIX, static_cast<uint32_t>(row % 4),
-             static_cast<uint32_t>(subColumn), &at);
-    return RelayAddress{board, at.group + geometry.wordsPerGroup * (row / 4),
-                        at.position - 1};
-  }
-  GetPoint(geometry.kind, MATRIX, static_cast<uint32_t>(row),
-           static_cast<uint32_t>(subColumn), &at);
-  return RelayAddress{board, at.group, at.position};
+  // Only the chassis's own matrix kinds have crosspoint wiring to draw.
+  if (board < 0 || qbvisa::modelByKind(geometry.kind) == nullptr)
+    return std::nullopt;
+  // The library's own mapping: the crosspoint relay comes first.
+  const qbvisa::PointRelays relays = qbvisa::pointRelays(
+      qbvisa::modelByType(geometry.modelType), geometry.kind,
+      static_cast<uint32_t>(geometry.wordsPerGroup), static_cast<uint32_t>(row),
+      static_cast<uint32_t>(column % geometry.subColumns));
+  return RelayAddress{board, relays.at[0].group, relays.at[0].position};
 }
 
 int MatrixState::closedCount() const {

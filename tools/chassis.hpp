@@ -17,10 +17,20 @@ struct ChassisRecord;
 
 namespace qbtool {
 
-// "RK420" ... for a hardware type code, nullptr for an unknown one.
+// The model's name for a hardware type code, nullptr for an unknown one.
 const char *modelName(uint16_t typeCode);
 // Relays the model may hold closed at once; none for models without a limit.
 std::optional<int> closureLimit(uint16_t typeCode);
+// The model has a second (communication) controller with a version of its own.
+bool hasTwoControllers(uint16_t typeCode);
+// The model takes plug-in cards in slots 1 and 2.
+bool takesCards(uint16_t typeCode);
+// Every model's name, comma-separated, in table order.
+std::string modelList();
+// The card-taking models' names, slash-separated.
+std::string cardModelList();
+// Each closure limit with the models that have it ("400 A/B, 270 C").
+std::string closureLimitList();
 
 // The chassis's own matrix as the switching array sees it: every row spans
 // all sub-matrices, sub-matrix n holding columns n*subColumns .. +subColumns-1.
@@ -76,8 +86,8 @@ class Bench {
   // Opens slot 0 and prepares the location tables, once per process, without
   // initialising: initialisation would open every relay.
   Geometry matrix(const std::string &resource);
-  // Opens `slot`; returns the slot the library opened (the RK421, RK422 and
-  // RK423 have slot 0 only).
+  // Opens `slot`; returns the slot the library opened (single-board models
+  // have slot 0 only).
   uint64_t openSlot(const std::string &resource, uint64_t slot);
   // Initialises an opened slot: every relay of the slot opens.
   void initialise(const std::string &resource, uint64_t slot);

@@ -292,7 +292,7 @@ void info(Bench &bench, const std::string &resource) {
          std::vector<char> texts(2000, 0);
          check(QBVISA_GetSWVersion(session, texts.data(), 200));
          const auto versions = textSlots(texts, 200);
-         if (type == QBVISA_TYPE_RK421 && versions.size() == 2)
+         if (hasTwoControllers(type) && versions.size() == 2)
            return "controller " + versions[0] + ", communication board " + versions[1];
          return versions.empty() ? std::string("none reported") : joined(versions, ", ");
        }));
@@ -322,7 +322,7 @@ void info(Bench &bench, const std::string &resource) {
     });
   };
   line("slot 0 card", cardOf(0));
-  if (type == QBVISA_TYPE_RK420 || type == QBVISA_TYPE_RK420B) {
+  if (takesCards(type)) {
     line("slot 1 card", cardOf(1));
     line("slot 2 card", cardOf(2));
   }

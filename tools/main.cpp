@@ -31,8 +31,9 @@ Points
   rectangle. Rows and columns count from 1. Give several items as separate
   words or separated by commas, and quote them in an interactive shell
   ('1!1,2!2:4!6'), where '!' is special. COLUMN runs along the whole row of the
-  chassis's own matrix (slot 0, the one that switches): on an RK420 columns
-  1-10 are sub-matrix 1, 11-20 sub-matrix 2 and so on; `show` numbers them.
+  chassis's own matrix (slot 0, the one that switches): with 10 columns per
+  sub-matrix, columns 1-10 are sub-matrix 1, 11-20 sub-matrix 2 and so on;
+  `show` numbers them.
   Crosspoint (ROW, COLUMN) is bit p = (ROW-1)*C + (COLUMN-1) of the switching
   array, C being the columns of a row, i.e. bit p%32 of word p/32.
 
@@ -111,8 +112,8 @@ class Tool {
 };
 
 int Tool::run(std::vector<std::string> words, bool inBatch) {
-  CLI::App app{"Drives QB relay switch-matrix chassis (RK420, RK420B, RK421, RK422, "
-               "RK423, RK423B) through VISA.",
+  CLI::App app{"Drives QB relay switch-matrix chassis (" + modelList() +
+                   ") through VISA.",
                "qbvisa"};
   app.require_subcommand(1);
   app.footer(kFooter);
@@ -136,7 +137,7 @@ int Tool::run(std::vector<std::string> words, bool inBatch) {
               "what the slot holds.");
   openCmd->add_option("resource", resource, "VISA resource name")->required();
   openCmd->add_option("--slot", slot, "0 the chassis's own matrix, 1 and 2 the "
-                                      "card slots of an RK420/RK420B")
+                                      "card slots of an " + cardModelList())
       ->check(CLI::Range(0, 2));
 
   auto addResource = [&](CLI::App *cmd) {
@@ -168,9 +169,10 @@ int Tool::run(std::vector<std::string> words, bool inBatch) {
 
   auto *showCmd = app.add_subcommand(
       "show", "Draw the matrix: X closed, . open, - sub-matrix not fitted; count the "
-              "closed relays against the model's closure limit (400 RK420/RK420B, "
-              "270 RK421). Read back from the chassis on the simulated bench; "
-              "elsewhere what this process switched.");
+              "closed relays against the model's closure limit (" +
+                  closureLimitList() +
+                  "). Read back from the chassis on the simulated bench; "
+                  "elsewhere what this process switched.");
   addResource(showCmd);
   auto addPictureOptions = [&](CLI::App *cmd) {
     cmd->add_option("--width", picture.width, "line width (default: the terminal's)")

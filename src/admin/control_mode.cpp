@@ -1,7 +1,9 @@
-// Front-panel or remote control of an RK421, and opening every relay.
+// Front-panel or remote control of a chassis with a front panel, and
+// opening every relay.
 #include <cstdint>
 #include <cstring>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 #include "switching/relay_frame.h"
@@ -21,9 +23,9 @@ extern "C" {
 
 QBVISA_EXPORT int32_t QBVISA_GetControlMode(uint32_t session, uint32_t *mode) {
   if (mode == nullptr) return QBVISA_ERR_PARAMETER;
-  // Only the RK421 has a front panel that can take control.
+  // Only a model with a front panel can hand control to it.
   ChassisRecord *record = nullptr;
-  const int32_t found = lookUpRk421(session, &record);
+  const int32_t found = lookUpPortedChassis(session, &record);
   if (found != 0) return found;
   const int32_t status = sendBareRequest(*record, kGetControlMode);
   if (status < 0) return status;
@@ -33,7 +35,7 @@ QBVISA_EXPORT int32_t QBVISA_GetControlMode(uint32_t session, uint32_t *mode) {
 
 QBVISA_EXPORT int32_t QBVISA_SetControlMode(uint32_t session, uint32_t mode) {
   ChassisRecord *record = nullptr;
-  const int32_t found = lookUpRk421(session, &record);
+  const int32_t found = lookUpPortedChassis(session, &record);
   if (found != 0) return found;
   // When the chassis cannot say which mode it is in, the request is sent
   // anyway: asking for a mode is never wrong, skipping it may be.
@@ -68,14 +70,17 @@ QBVISA_EXPORT int32_t QBVISA_Clear(uint32_t session, uint64_t card) {
   // Only card 0 is cleared on the device by this request.
   if (card != 0) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
 
-  // The payload can be far longer than the request buffer (an RK422 frame
-  // alone is 2058 bytes), so it is sent from a zeroed area of its own.
+  // The payload can be far longer than the request buffer (the largest
+  // frame alone is 2058 bytes), so it is sent from a zeroed area of its own.
   alignas(uint16_t) uint8_t request[kLargestClearRequest];
   const std::size_t requestBytes = std::size_t{payloadBytes} + 4;
   std::memset(request, 0, requestBytes);
+  // Some models clear with a command of their own instead of an all-open
+  // relay frame.
+  const ChassisModel *model = modelByType(record->modelTypeCode);
   const uint16_t header[2] = {
-      record->modelTypeCode == QBVISA_TYPE_RK422 ? kClearRk422
-                                                 : kRelayStateCommand,
+      model != nullptr && model->clearCommand != 0 ? model->clearCommand
+                                                   : kRelayStateCommand,
       payloadBytes};
   std::memcpy(request, header, sizeof header);
   clearReply(*record);

@@ -21,7 +21,7 @@ constexpr uint8_t kSpiLoopBroken = 0x02;
 // reply is long enough to carry the `replyBytes` the caller reads: a shorter
 // one would leave those bytes at the cleared buffer's zeros, which read as a
 // clean result, so it counts as a failed read.
-int32_t RunDiagnostic(uint32_t session, uint16_t command, bool withSlot,
+int32_t runDiagnostic(uint32_t session, uint16_t command, bool withSlot,
                       uint64_t slot, int32_t replyBytes,
                       ChassisRecord **record) {
   *record = lookUpChassis(session);
@@ -43,7 +43,7 @@ int32_t RunDiagnostic(uint32_t session, uint16_t command, bool withSlot,
   return status < replyBytes ? QBVISA_ERR_RECEIVE : 0;
 }
 
-void CopyFlags(const ChassisRecord *record, int32_t *values, uint32_t *count) {
+void copyFlags(const ChassisRecord *record, int32_t *values, uint32_t *count) {
   for (uint32_t i = 0; i < kFlagCount; ++i) {
     values[i] = record->replyBuffer[2 + i];
   }
@@ -61,7 +61,7 @@ QBVISA_EXPORT int32_t QBVISA_SelfTest(uint32_t session, uint64_t slot,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      RunDiagnostic(session, kSelfTest, true, slot, 4, &record);
+      runDiagnostic(session, kSelfTest, true, slot, 4, &record);
   if (status != 0) {
     return status;
   }
@@ -92,7 +92,7 @@ QBVISA_EXPORT int32_t QBVISA_BoardInPlace(uint32_t session, uint64_t slot) {
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      RunDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
+      runDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }
@@ -107,11 +107,11 @@ QBVISA_EXPORT int32_t QBVISA_BoardInPlaceInfo(uint32_t session,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      RunDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
+      runDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }
-  CopyFlags(record, values, count);
+  copyFlags(record, values, count);
   return 0;
 }
 
@@ -123,11 +123,11 @@ QBVISA_EXPORT int32_t QBVISA_SPILoopTestInfo(uint32_t session, uint64_t slot,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      RunDiagnostic(session, kSpiLoopTest, true, slot, 2 + kFlagCount, &record);
+      runDiagnostic(session, kSpiLoopTest, true, slot, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }
-  CopyFlags(record, values, count);
+  copyFlags(record, values, count);
   return 0;
 }
 

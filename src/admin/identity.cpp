@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
@@ -25,12 +26,12 @@ constexpr size_t kMaxNumberText = 15;
 // around into the range of a valid serial number.
 constexpr size_t kMaxSignificantDigits = 9;
 
-bool IsNumberText(const char *text) {
+bool isNumberText(const char *text) {
   return text != nullptr && std::strlen(text) <= kMaxNumberText &&
          isdigitstr(text);
 }
 
-size_t SignificantDigits(const char *text) {
+size_t significantDigits(const char *text) {
   while (*text == '0') {
     ++text;
   }
@@ -39,21 +40,21 @@ size_t SignificantDigits(const char *text) {
 
 // Value of an all-digit text; UINT32_MAX (out of every range here) when it
 // has too many digits to convert exactly.
-uint32_t DecimalValue(const char *text) {
-  return SignificantDigits(text) > kMaxSignificantDigits ? UINT32_MAX
+uint32_t decimalValue(const char *text) {
+  return significantDigits(text) > kMaxSignificantDigits ? UINT32_MAX
                                                          : toInt(text);
 }
 
-bool IsEightDigitSerial(uint32_t value) {
+bool isEightDigitSerial(uint32_t value) {
   return value >= kSerialMin && value <= kSerialMax;
 }
 
 // Checks the two texts of a serial-number write: -10028 / -10032 or 0.
-int32_t CheckSerialTexts(const char *sn, const char *hw) {
-  if (!IsNumberText(sn)) {
+int32_t checkSerialTexts(const char *sn, const char *hw) {
+  if (!isNumberText(sn)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  if (!IsNumberText(hw) || SignificantDigits(hw) > kMaxSignificantDigits) {
+  if (!isNumberText(hw) || significantDigits(hw) > kMaxSignificantDigits) {
     return QBVISA_ERR_BAD_HW_NUMBER;
   }
   return 0;
@@ -61,7 +62,7 @@ int32_t CheckSerialTexts(const char *sn, const char *hw) {
 
 // Serial number one byte per word, most significant first, then the low byte
 // of the hardware number.
-void PutSerial(ChassisRecord *record, uint32_t serial, uint32_t hw) {
+void putSerial(ChassisRecord *record, uint32_t serial, uint32_t hw) {
   putWord(record->requestBuffer, 4, serial >> 24);
   putWord(record->requestBuffer, 6, (serial >> 16) & 0xFF);
   putWord(record->requestBuffer, 8, (serial >> 8) & 0xFF);
@@ -71,37 +72,12 @@ void PutSerial(ChassisRecord *record, uint32_t serial, uint32_t hw) {
 
 // Four serial-number bytes from every other reply byte, most significant at
 // `first`.
-uint32_t ReadSerial(const uint8_t *reply, size_t first) {
+uint32_t readSerial(const uint8_t *reply, size_t first) {
   return static_cast<uint32_t>(reply[first]) << 24 |
          static_cast<uint32_t>(reply[first + 2]) << 16 |
          static_cast<uint32_t>(reply[first + 4]) << 8 |
          static_cast<uint32_t>(reply[first + 6]);
 }
-
-const char *CardTypeName(int32_t code) {
-  static constexpr const char *kNames[] = {
-      "N7360",    "N7362",    "N7363",   "N7364",   "GX3",
-      "N7361-F",  "N7361-HH", "N7361-H", "N7361-H", "N7361-HH",
-      "N7361-FH", "K57",      "K63"};
-  if (code < 0 || static_cast<size_t>(code) >= std::size(kNames)) {
-    return "Unknown";
-  }
-  return kNames[code];
-}
-
-struct CardSize {
-  const char *name;
-  const char *size;
-};
-
-// "N7361-FF" has no card type code but keeps its size for callers that pass
-// the name themselves.
-constexpr CardSize kCardSizes[] = {
-    {"N7360", "12*10"},    {"GX3", "8*50"},      {"N7361-F", "8*50"},
-    {"N7361-FF", "16*50"}, {"N7361-FH", "16*50"}, {"N7361-HH", "16*50"},
-    {"N7361-H", "8*50"},   {"K57", "14*8"},      {"K63", "10*10"},
-    {"N7362", "10*12"},    {"N7363", "16*96"},   {"N7364", "8*12"},
-};
 
 }  // namespace
 
@@ -113,16 +89,16 @@ QBVISA_EXPORT int32_t QBVISA_SetSN(uint32_t session, const char *sn,
   if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  const int32_t bad = CheckSerialTexts(sn, hw);
+  const int32_t bad = checkSerialTexts(sn, hw);
   if (bad != 0) {
     return bad;
   }
   beginRequest(*record, kSetChassisSerial);
-  const uint32_t serial = DecimalValue(sn);
-  if (!IsEightDigitSerial(serial)) {
+  const uint32_t serial = decimalValue(sn);
+  if (!isEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  PutSerial(record, serial, DecimalValue(hw));
+  putSerial(record, serial, decimalValue(hw));
   // Only the arguments are reported: the production tools write serial
   // numbers blind, so a chassis that does not answer is not an error here.
   if (exchange(*record, 24) < 0) {
@@ -158,8 +134,8 @@ QBVISA_EXPORT int32_t QBVISA_GetSN(uint32_t session, uint32_t *list,
   }
   const uint8_t *reply = record->replyBuffer;
   // A chassis whose serial was never written answers all ones.
-  serials[0] = ReadSerial(reply, 0);
-  if (!IsEightDigitSerial(serials[0])) {
+  serials[0] = readSerial(reply, 0);
+  if (!isEightDigitSerial(serials[0])) {
     return QBVISA_ERR_SN_UNSET;
   }
   // The local list bounds the cards read whatever the record claims.
@@ -167,11 +143,11 @@ QBVISA_EXPORT int32_t QBVISA_GetSN(uint32_t session, uint32_t *list,
                            ? record->slotCount
                            : kSerialListEntries - 1;
   for (size_t k = 1; k <= cards; ++k) {
-    const uint32_t serial = ReadSerial(reply, (k - 1) * 10 + 16);
+    const uint32_t serial = readSerial(reply, (k - 1) * 10 + 16);
     if (serial == 0) {
       continue;  // card without a serial number
     }
-    if (!IsEightDigitSerial(serial)) {
+    if (!isEightDigitSerial(serial)) {
       return QBVISA_ERR_SN_UNSET;
     }
     serials[k] = serial;
@@ -190,7 +166,7 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
   if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  const int32_t bad = CheckSerialTexts(sn, hw);
+  const int32_t bad = checkSerialTexts(sn, hw);
   if (bad != 0) {
     return bad;
   }
@@ -202,11 +178,11 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
     return refreshed;
   }
   beginRequest(*record, static_cast<uint16_t>(kSetCardSerialBase + slot));
-  const uint32_t serial = DecimalValue(sn);
-  if (!IsEightDigitSerial(serial)) {
+  const uint32_t serial = decimalValue(sn);
+  if (!isEightDigitSerial(serial)) {
     return QBVISA_ERR_SN_INPUT;
   }
-  PutSerial(record, serial, DecimalValue(hw));
+  putSerial(record, serial, decimalValue(hw));
   // Card serial frames are 20 bytes: the chassis reads no further. They
   // take effect without the apply command.
   const int32_t status = exchange(*record, 20);
@@ -229,7 +205,9 @@ QBVISA_EXPORT int32_t QBVISA_GetCardType(uint32_t session, uint32_t card,
   }
   char text[kShortText];
   std::snprintf(text, sizeof text, "%s",
-                CardTypeName(static_cast<int32_t>(record->slots[card].matrixKind)));
+                cardNameOfKind(record->slots[card].matrixKind) != nullptr
+                    ? cardNameOfKind(record->slots[card].matrixKind)
+                    : "Unknown");
   std::memcpy(name, text, std::strlen(text) + 1);
   return 0;
 }
@@ -240,11 +218,8 @@ QBVISA_EXPORT int32_t QBVISA_GetCardSize(const char *name, char *size) {
   }
   const char *found = "Unknown";
   if (name != nullptr) {
-    for (const CardSize &entry : kCardSizes) {
-      if (std::strcmp(name, entry.name) == 0) {
-        found = entry.size;
-        break;
-      }
+    if (const char *known = cardSizeOf(name)) {
+      found = known;
     }
   }
   char text[kShortText];

@@ -1,6 +1,6 @@
 // settings.cpp - how a chassis is reached: network address, GPIB address,
 // serial baud rate and LAN addressing mode. All but the network address exist
-// only on the RK421, the one model that carries these ports.
+// only on the models that carry these ports (see the model table).
 #include <pthread.h>
 
 #include <cstdio>
@@ -13,10 +13,10 @@ namespace {
 
 using namespace qbvisa;
 
-// Sends a bare query (4 bytes) to an RK421 and leaves the answer in the
+// Sends a bare query (4 bytes) to a chassis with ports and leaves the answer in the
 // record's reply buffer.
-int32_t QueryRk421(uint32_t session, uint16_t command, ChassisRecord **record) {
-  const int32_t found = lookUpRk421(session, record);
+int32_t queryPortedChassis(uint32_t session, uint16_t command, ChassisRecord **record) {
+  const int32_t found = lookUpPortedChassis(session, record);
   if (found != 0) {
     return found;
   }
@@ -25,10 +25,10 @@ int32_t QueryRk421(uint32_t session, uint16_t command, ChassisRecord **record) {
   return status < 0 ? status : 0;
 }
 
-// Sends one 16-bit setting word (6 bytes) to an RK421.
-int32_t SetRk421Word(uint32_t session, uint16_t command, uint16_t value) {
+// Sends one 16-bit setting word (6 bytes) to a chassis with ports.
+int32_t setPortedWord(uint32_t session, uint16_t command, uint16_t value) {
   ChassisRecord *record = nullptr;
-  const int32_t found = lookUpRk421(session, &record);
+  const int32_t found = lookUpPortedChassis(session, &record);
   if (found != 0) {
     return found;
   }
@@ -38,7 +38,7 @@ int32_t SetRk421Word(uint32_t session, uint16_t command, uint16_t value) {
   return status < 0 ? status : 0;
 }
 
-bool IsSupportedBaudRate(uint32_t rate) {
+bool isSupportedBaudRate(uint32_t rate) {
   switch (rate) {
     case 9600:
     case 19200:
@@ -88,7 +88,8 @@ QBVISA_EXPORT int32_t QBVISA_SetIPAddress(uint32_t session, const char *ip) {
   if (status < 0) {
     return status;
   }
-  if (record->modelTypeCode == QBVISA_TYPE_RK421) {
+  // A chassis with ports takes the address at once.
+  if (hasPortsAndControlMode(*record)) {
     return 0;
   }
   // The other models hold a new address until told to apply it. Their answer
@@ -103,7 +104,7 @@ QBVISA_EXPORT int32_t QBVISA_GetCOMMIPAddr(uint32_t session, char *text) {
     return QBVISA_ERR_PARAMETER;
   }
   ChassisRecord *record = nullptr;
-  const int32_t status = QueryRk421(session, kGetNetworkAddress, &record);
+  const int32_t status = queryPortedChassis(session, kGetNetworkAddress, &record);
   if (status != 0) {
     return status;
   }
@@ -119,7 +120,7 @@ QBVISA_EXPORT int32_t QBVISA_SetGPIBAddress(uint32_t session,
   if (address == 0 || address > 30) {
     return QBVISA_ERR_GPIB_ADDRESS;
   }
-  return SetRk421Word(session, kSetGpibAddress, address & 0xFF);
+  return setPortedWord(session, kSetGpibAddress, address & 0xFF);
 }
 
 QBVISA_EXPORT int32_t QBVISA_GetGPIBAddress(uint32_t session,
@@ -128,7 +129,7 @@ QBVISA_EXPORT int32_t QBVISA_GetGPIBAddress(uint32_t session,
     return QBVISA_ERR_PARAMETER;
   }
   ChassisRecord *record = nullptr;
-  const int32_t status = QueryRk421(session, kGetGpibAddress, &record);
+  const int32_t status = queryPortedChassis(session, kGetGpibAddress, &record);
   if (status != 0) {
     return status;
   }
@@ -142,11 +143,11 @@ QBVISA_EXPORT int32_t QBVISA_SetBaudRate(uint32_t session, uint32_t rate) {
   // Every return releases it, a refused rate or session included: a caller
   // that passed a bad rate must not block every later caller for good.
   SettingsLock lock;
-  if (!IsSupportedBaudRate(rate)) {
+  if (!isSupportedBaudRate(rate)) {
     return QBVISA_ERR_BAUDRATE;
   }
   ChassisRecord *record = nullptr;
-  const int32_t found = lookUpRk421(session, &record);
+  const int32_t found = lookUpPortedChassis(session, &record);
   if (found != 0) {
     return found;
   }
@@ -169,7 +170,7 @@ QBVISA_EXPORT int32_t QBVISA_GetBaudRate(uint32_t session, uint32_t *rate) {
     return QBVISA_ERR_PARAMETER;
   }
   ChassisRecord *record = nullptr;
-  const int32_t status = QueryRk421(session, kGetBaudRate, &record);
+  const int32_t status = queryPortedChassis(session, kGetBaudRate, &record);
   if (status != 0) {
     return status;
   }
@@ -185,7 +186,7 @@ QBVISA_EXPORT int32_t QBVISA_SetLANMode(uint32_t session, uint32_t mode) {
   if (mode > 1) {
     return QBVISA_ERR_LAN_MODE;
   }
-  const int32_t status = SetRk421Word(session, kSetLanMode, mode);
+  const int32_t status = setPortedWord(session, kSetLanMode, mode);
   if (status != 0) {
     return status;
   }
@@ -199,7 +200,7 @@ QBVISA_EXPORT int32_t QBVISA_GetLANMode(uint32_t session, uint32_t *mode) {
     return QBVISA_ERR_PARAMETER;
   }
   ChassisRecord *record = nullptr;
-  const int32_t status = QueryRk421(session, kGetLanMode, &record);
+  const int32_t status = queryPortedChassis(session, kGetLanMode, &record);
   if (status != 0) {
     return status;
   }

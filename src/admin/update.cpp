@@ -40,7 +40,7 @@ class FileDescriptor {
 
 // Reads up to `size` bytes, retrying interrupted reads. Returns the count
 // (0 at end of file) or -1.
-ssize_t ReadSome(int fd, uint8_t *buffer, size_t size) {
+ssize_t readSome(int fd, uint8_t *buffer, size_t size) {
   for (;;) {
     const ssize_t got = read(fd, buffer, size);
     if (got >= 0 || errno != EINTR) {
@@ -52,7 +52,7 @@ ssize_t ReadSome(int fd, uint8_t *buffer, size_t size) {
 // Exchanges the request (`bytes` long) and checks the step's verdict in reply
 // byte 2. A reply too short to carry the verdict (or the `replyBytes` the
 // step reads) counts as a failed read.
-int32_t UpdateStep(ChassisRecord *record, int32_t bytes, int32_t replyBytes) {
+int32_t updateStep(ChassisRecord *record, int32_t bytes, int32_t replyBytes) {
   clearReply(*record);
   const int32_t status = exchange(*record, bytes);
   if (status < 0) {
@@ -64,7 +64,7 @@ int32_t UpdateStep(ChassisRecord *record, int32_t bytes, int32_t replyBytes) {
   return record->replyBuffer[2] == 0 ? 0 : QBVISA_ERR_UPDATE_CHECK;
 }
 
-void PutLong(uint8_t *buffer, size_t offset, uint32_t value) {
+void putLong(uint8_t *buffer, size_t offset, uint32_t value) {
   putWord(buffer, offset, value & 0xFFFF);
   putWord(buffer, offset + 2, value >> 16);
 }
@@ -98,8 +98,8 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
   const auto size = static_cast<uint32_t>(info.st_size);
 
   beginRequest(*record, kUpdateBegin);
-  PutLong(record->requestBuffer, 4, size);
-  int32_t status = UpdateStep(record, 8, 3);
+  putLong(record->requestBuffer, 4, size);
+  int32_t status = updateStep(record, 8, 3);
   if (status != 0) {
     return status;
   }
@@ -108,7 +108,7 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
   uint8_t *chunk = record->requestBuffer + 4;
   for (uint32_t sent = 0; sent < size;) {
     const uint32_t wanted = size - sent < kChunkSize ? size - sent : kChunkSize;
-    const ssize_t got = ReadSome(file.get(), chunk, wanted);
+    const ssize_t got = readSome(file.get(), chunk, wanted);
     // A file that shrinks after the size went out cannot be completed.
     if (got <= 0) {
       return QBVISA_ERR_UPDATE_FILE;
@@ -117,7 +117,7 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
     putWord(record->requestBuffer, 0, kUpdateData);
     putWord(record->requestBuffer, 2, static_cast<uint16_t>(length));
     sum += checkSum(chunk, length);
-    status = UpdateStep(record, static_cast<int32_t>(4 + length), 3);
+    status = updateStep(record, static_cast<int32_t>(4 + length), 3);
     if (status != 0) {
       return status;
     }
@@ -125,8 +125,8 @@ QBVISA_EXPORT int32_t QBVISA_OnlineUpdate(uint32_t session, const char *path) {
   }
 
   beginRequest(*record, kUpdateEnd);
-  PutLong(record->requestBuffer, 4, sum);
-  status = UpdateStep(record, 8, 8);
+  putLong(record->requestBuffer, 4, sum);
+  status = updateStep(record, 8, 8);
   if (status != 0) {
     return status;
   }

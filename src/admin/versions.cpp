@@ -13,19 +13,19 @@ using namespace qbvisa;
 
 // Version lists are arrays of 10-byte text slots.
 constexpr size_t kTextSlot = 10;
-// The largest chassis (RK422) has 21 card positions: with the controller's
+// The largest chassis has 21 card positions: with the controller's
 // own entry no version list is longer than 22 slots, which bounds what the
 // library writes into a caller's list.
 constexpr size_t kMaxCardPositions = 21;
 constexpr size_t kMaxListSlots = kMaxCardPositions + 1;
 
-void FormatFirmware(char *slot, unsigned major, unsigned minor) {
+void formatFirmware(char *slot, unsigned major, unsigned minor) {
   std::snprintf(slot, kTextSlot, "%x.%02x", major, minor);
 }
 
 // Hardware versions are one decimal byte: tens the major, units the minor.
 // A byte of 100 or more gives a hexadecimal major (123 reads "c.3").
-void FormatHardware(char *slot, uint8_t version) {
+void formatHardware(char *slot, uint8_t version) {
   std::snprintf(slot, kTextSlot, "%x.%x", version / 10U, version % 10U);
 }
 
@@ -34,7 +34,7 @@ void FormatHardware(char *slot, uint8_t version) {
 // characters: callers that want it pass buffers prefilled to that length,
 // while an empty buffer receives the whole text. At most `maxlen` bytes of the
 // old contents are examined.
-void CopyInfoText(char *destination, char *text, uint64_t maxlen) {
+void copyInfoText(char *destination, char *text, uint64_t maxlen) {
   if (strnlen(destination, maxlen) == maxlen) {
     mystrncpy(text, maxlen);
   }
@@ -65,12 +65,12 @@ QBVISA_EXPORT int32_t QBVISA_GetHWVersion(uint32_t session, char *list,
   // query left in the reply buffer.
   (void)exchange(*record, kBareRequestBytes);
   const uint8_t *reply = record->replyBuffer;
-  FormatHardware(list, reply[8]);
+  formatHardware(list, reply[8]);
   const size_t cards = record->slotCount < kMaxCardPositions
                            ? record->slotCount
                            : kMaxCardPositions;
   for (size_t k = 1; k <= cards; ++k) {
-    FormatHardware(list + k * kTextSlot, reply[(k - 1) * 10 + 24]);
+    formatHardware(list + k * kTextSlot, reply[(k - 1) * 10 + 24]);
   }
   return 0;
 }
@@ -85,28 +85,28 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
   if (record == nullptr) {
     return QBVISA_ERR_HANDLE;
   }
-  if (isRk420Family(*record)) {
+  if (takesCards(*record)) {
     const int32_t refreshed = refreshFirmwareVersion(*record);
     if (refreshed != 0) {
       return refreshed;
     }
-    FormatFirmware(list, record->firmwareMajor, record->firmwareMinor);
+    formatFirmware(list, record->firmwareMajor, record->firmwareMinor);
     return 0;
   }
   const uint8_t *reply = record->replyBuffer;
-  if (record->modelTypeCode == QBVISA_TYPE_RK421) {
-    // The RK421 has two controllers: the main one answers command 11, the
+  if (hasPortsAndControlMode(*record)) {
+    // A chassis with ports has two controllers: the main one answers command 11, the
     // second one command 49. Neither is the record's firmware version.
     int32_t status = sendBareRequest(*record, kVersionQuery);
     if (status < 0) {
       return status;
     }
-    FormatFirmware(list, reply[2], reply[3]);
+    formatFirmware(list, reply[2], reply[3]);
     status = sendBareRequest(*record, kSecondVersionQuery);
     if (status < 0) {
       return status;
     }
-    FormatFirmware(list + kTextSlot, reply[2], reply[3]);
+    formatFirmware(list + kTextSlot, reply[2], reply[3]);
     return 0;
   }
   const int32_t status = sendBareRequest(*record, kVersionQuery);
@@ -121,7 +121,7 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
     if (reply[p] == 0 || reply[p + 1] == 0) {
       break;
     }
-    FormatFirmware(list + slot * kTextSlot, reply[p], reply[p + 1]);
+    formatFirmware(list + slot * kTextSlot, reply[p], reply[p + 1]);
     ++slot;
   }
   return 0;
@@ -143,7 +143,7 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
     return refreshed;
   }
   char version[kTextSlot];
-  FormatFirmware(version, record->firmwareMajor, record->firmwareMinor);
+  formatFirmware(version, record->firmwareMajor, record->firmwareMinor);
 
   beginRequest(*record, kIdentityQuery);
   const int32_t status = exchange(*record, kBareRequestBytes);
@@ -156,7 +156,7 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
   char first = 0;
   char second = 0;
   if (firmwareTooOld(*record)) {
-    // Older RK420/RK420B controllers answer a seven-digit serial in three
+    // Older controllers of card-taking chassis answer a seven-digit serial in three
     // bytes and pack the type code right behind it.
     serial = static_cast<uint32_t>(reply[0]) << 16 |
              static_cast<uint32_t>(reply[2]) << 8 | reply[4];
@@ -184,10 +184,10 @@ QBVISA_EXPORT int32_t QBVISA_GetDeviceInfo(uint32_t session, char *typeText,
   std::snprintf(type, sizeof type, "%04X", typeCode);
   std::snprintf(chars, sizeof chars, "%c%c", first, second);
   std::snprintf(sn, sizeof sn, "%8u", serial);
-  CopyInfoText(typeText, type, maxlen);
-  CopyInfoText(charText, chars, maxlen);
-  CopyInfoText(snText, sn, maxlen);
-  CopyInfoText(versionText, version, maxlen);
+  copyInfoText(typeText, type, maxlen);
+  copyInfoText(charText, chars, maxlen);
+  copyInfoText(snText, sn, maxlen);
+  copyInfoText(versionText, version, maxlen);
   return 0;
 }
 

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "core/chassis_model.h"
+
 namespace qbvisa {
 
 ChassisRecord *lookUpChassis(uint32_t session) {
@@ -12,32 +14,29 @@ ChassisRecord *lookUpChassis(uint32_t session) {
   return record;
 }
 
-int32_t lookUpRk421(uint32_t session, ChassisRecord **record) {
+int32_t lookUpPortedChassis(uint32_t session, ChassisRecord **record) {
   *record = lookUpChassis(session);
   if (*record == nullptr) return QBVISA_ERR_HANDLE;
-  if ((*record)->modelTypeCode != QBVISA_TYPE_RK421)
-    return QBVISA_ERR_NOT_SUPPORTED;
+  if (!hasPortsAndControlMode(**record)) return QBVISA_ERR_NOT_SUPPORTED;
   return 0;
 }
 
-bool isRk420Family(const ChassisRecord &record) {
-  return record.modelTypeCode == QBVISA_TYPE_RK420 ||
-         record.modelTypeCode == QBVISA_TYPE_RK420B;
+bool hasPortsAndControlMode(const ChassisRecord &record) {
+  const ChassisModel *model = modelByType(record.modelTypeCode);
+  return model != nullptr && model->hasPortsAndControlMode;
+}
+
+bool takesCards(const ChassisRecord &record) {
+  return cardSlotModel(record.modelTypeCode) != nullptr;
 }
 
 bool firmwareTooOld(const ChassisRecord &record) {
-  return isRk420Family(record) && !IsNewVer_3_06(&record);
+  return takesCards(record) && !IsNewVer_3_06(&record);
 }
 
 uint64_t effectiveSlot(const ChassisRecord &record, uint64_t slot) {
-  switch (record.modelTypeCode) {
-    case QBVISA_TYPE_RK421:
-    case QBVISA_TYPE_RK422:
-    case QBVISA_TYPE_RK423:
-      return 0;
-    default:
-      return slot;
-  }
+  const ChassisModel *model = modelByType(record.modelTypeCode);
+  return model != nullptr && model->singleBoard ? 0 : slot;
 }
 
 void putWord(uint8_t *buffer, size_t offset, uint16_t value) {
@@ -69,10 +68,10 @@ int32_t refreshFirmwareVersion(ChassisRecord &record) {
   const int32_t status = sendBareRequest(record, kVersionQuery);
   if (status < 0) return status;
   const uint8_t *reply = record.replyBuffer;
-  // Newer RK420/RK420B controllers report their version in bytes 4/5 and
-  // leave the older 2/3 pair for the boot loader.
+  // Newer controllers of card-taking chassis report their version in bytes
+  // 4/5 and leave the older 2/3 pair for the boot loader.
   const bool newForm =
-      isRk420Family(record) && (reply[4] != 0 || reply[5] != 0);
+      takesCards(record) && (reply[4] != 0 || reply[5] != 0);
   record.firmwareMajor = newForm ? reply[4] : reply[2];
   record.firmwareMinor = newForm ? reply[5] : reply[3];
   return 0;

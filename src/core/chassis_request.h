@@ -30,8 +30,6 @@ inline constexpr uint16_t kGetLanMode = 25;
 inline constexpr uint16_t kSetCardSerialBase = 31;  // + slot 1..6
 inline constexpr uint16_t kSetLanMode = 48;
 inline constexpr uint16_t kSecondVersionQuery = 49;
-// The RK422 clears with a command of its own instead of an all-open frame.
-inline constexpr uint16_t kClearRk422 = 67;
 inline constexpr uint16_t kSelfTest = 80;
 inline constexpr uint16_t kBoardInPlace = 81;
 inline constexpr uint16_t kSpiLoopTest = 82;
@@ -49,20 +47,23 @@ inline constexpr int32_t kCommandWordOnlyBytes = 2;
 // The record of an open session, or nullptr when no record holds it.
 ChassisRecord *lookUpChassis(uint32_t session);
 
-// As lookUpChassis, for the calls that only the RK421 (the one model with a
-// front panel and its own ports) takes. Returns 0 with `*record` set, or
-// QBVISA_ERR_HANDLE / QBVISA_ERR_NOT_SUPPORTED.
-int32_t lookUpRk421(uint32_t session, ChassisRecord **record);
+// As lookUpChassis, for the calls that only a model with a front panel and
+// its own ports takes. Returns 0 with `*record` set, or QBVISA_ERR_HANDLE /
+// QBVISA_ERR_NOT_SUPPORTED.
+int32_t lookUpPortedChassis(uint32_t session, ChassisRecord **record);
 
-// The RK420 and RK420B take plug-in cards in slots 1 and 2.
-bool isRk420Family(const ChassisRecord &record);
+// The record's model has a front panel, its own ports and a control mode.
+bool hasPortsAndControlMode(const ChassisRecord &record);
 
-// An RK420/RK420B older than 3.06 lacks the identity and serial-number
-// commands in their current form.
+// The record's model takes plug-in cards in slots 1 and 2.
+bool takesCards(const ChassisRecord &record);
+
+// A card-taking chassis older than 3.06 lacks the identity and
+// serial-number commands in their current form.
 bool firmwareTooOld(const ChassisRecord &record);
 
-// These chassis carry one matrix board only, so any slot a caller names
-// means slot 0. The RK423B keeps the slot it is given, as it always has.
+// Single-board models carry one matrix board only, so any slot a caller
+// names means slot 0.
 uint64_t effectiveSlot(const ChassisRecord &record, uint64_t slot);
 
 // Little-endian 16-bit word at `offset`.
@@ -90,7 +91,7 @@ int32_t sendBareRequest(ChassisRecord &record, uint16_t command);
 int32_t refreshFirmwareVersion(ChassisRecord &record);
 
 // The refresh followed at once by the firmware gate: 0, the exchange's
-// status, or -10020 for an RK420/RK420B older than 3.06.
+// status, or -10020 for a card-taking chassis older than 3.06.
 int32_t refreshFirmwareVersionAndGate(ChassisRecord &record);
 
 }  // namespace qbvisa

@@ -1,6 +1,7 @@
 // Finding the chassis reachable through VISA and handing out their sessions.
 #include <cstring>
 
+#include "core/chassis_model.h"
 #include "core/visa_api.h"
 #include "qbvisa_lowlevel.h"
 
@@ -13,26 +14,6 @@ constexpr size_t kNameSize = 64;
 
 // Serial chassis leave the factory at 115200; the others are tried after.
 constexpr ViAttrState kSerialRates[] = {115200, 9600, 19200, 38400, 57600};
-
-struct ModelRow {
-  const char *name;
-  const char *codeText;
-  uint16_t typeCode;
-  uint16_t slotCount;
-  uint16_t subMatrixCount;
-  uint32_t matrixKind;
-  uint32_t slot2Kind;  // 0: the model has no card slots
-};
-
-constexpr ModelRow kModels[] = {
-    {"RK420", "041A", QBVISA_TYPE_RK420, 6, 5, MATRIX_KIND_RK420, MATRIX_KIND_AP},
-    {"RK420B", "041B", QBVISA_TYPE_RK420B, 6, 5, MATRIX_KIND_RK420,
-     MATRIX_KIND_AP_420B},
-    {"RK421", "042A", QBVISA_TYPE_RK421, 4, 4, MATRIX_KIND_RK421, 0},
-    {"RK422", "043A", QBVISA_TYPE_RK422, 21, 21, MATRIX_KIND_RK422, 0},
-    {"RK423", "044A", QBVISA_TYPE_RK423, 1, 1, MATRIX_KIND_RK423, 0},
-    {"RK423B", "044B", QBVISA_TYPE_RK423B, 1, 1, MATRIX_KIND_RK423, 0},
-};
 
 // The identity reply ("maker ,model ,serial,firmware") and its two fields.
 struct Identity {
@@ -70,14 +51,6 @@ bool acceptedMaker(const char *maker) {
   return std::strcmp(maker, "QB") == 0 || std::strcmp(maker, "Quelbrink") == 0;
 }
 
-const ModelRow *findModel(const char *model) {
-  for (const ModelRow &row : kModels) {
-    if (std::strcmp(model, row.name) == 0 ||
-        std::strcmp(model, row.codeText) == 0)
-      return &row;
-  }
-  return nullptr;
-}
 
 // Sends "*IDN?" and reads the answer; false when either transfer fails.
 bool queryIdentity(ViSession session, Identity *identity, bool *writeFailed) {
@@ -124,12 +97,12 @@ bool sameName(const char *stored, const char *wanted) {
          std::memcmp(stored, wanted, storedLength) == 0;
 }
 
-void fillModel(ChassisRecord *record, const ModelRow &row) {
+void fillModel(ChassisRecord *record, const qbvisa::ChassisModel &row) {
   record->reportedTypeCode = row.typeCode;
   record->modelTypeCode = row.typeCode;
   record->slotCount = row.slotCount;
   record->slots[0].subMatrixCount = row.subMatrixCount;
-  record->slots[0].matrixKind = row.matrixKind;
+  record->slots[0].matrixKind = row.slot0Kind;
   if (row.slot2Kind != 0) {
     record->slots[1].subMatrixCount = 1;
     record->slots[2].subMatrixCount = 1;
@@ -210,7 +183,7 @@ QBVISA_EXPORT int32_t QBVISA_FindRsrc(QBVISA_ResourceEntry *list,
     copyName(record->resourceName, resource);
     copyName(record->modelName, identity.model);
     record->connectedFlag = 0;
-    const ModelRow *row = findModel(identity.model);
+    const qbvisa::ChassisModel *row = qbvisa::modelByName(identity.model);
     // Discovery ends here; the chassis counted so far stay registered and
     // this one's session stays open in its record.
     if (row == nullptr) {

@@ -1,6 +1,7 @@
 // Error texts of the library's status codes and the library version.
 #include <cstring>
 
+#include "core/version.h"
 #include "qbvisa_lowlevel.h"
 
 namespace {
@@ -90,9 +91,13 @@ QBVISA_EXPORT int32_t QBVISA_ErrorCodeToMessage(int64_t code, char *text,
   return QBVISA_SUCCESS;
 }
 
+// Callers size their buffer by the documented 7 bytes; a version text of
+// another length must change that documentation first.
+static_assert(sizeof qbvisa::kLibraryVersion == 7);
+
 QBVISA_EXPORT void QBVISA_GetLibVersion(char *buffer) {
-  static constexpr char kVersion[] = "1.1.77";
-  if (buffer != nullptr) std::memcpy(buffer, kVersion, sizeof kVersion);
+  if (buffer != nullptr)
+    std::memcpy(buffer, qbvisa::kLibraryVersion, sizeof qbvisa::kLibraryVersion);
 }
 
 }  // extern "C"

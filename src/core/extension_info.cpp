@@ -3,25 +3,10 @@
 #include <climits>
 #include <cstring>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_ext.h"
 #include "switching/relay_frame.h"
-
-namespace {
-
-const char *modelNameOf(uint16_t typeCode) {
-  switch (typeCode) {
-    case QBVISA_TYPE_RK420: return "RK420";
-    case QBVISA_TYPE_RK420B: return "RK420B";
-    case QBVISA_TYPE_RK421: return "RK421";
-    case QBVISA_TYPE_RK422: return "RK422";
-    case QBVISA_TYPE_RK423: return "RK423";
-    case QBVISA_TYPE_RK423B: return "RK423B";
-    default: return "";
-  }
-}
-
-}  // namespace
 
 extern "C" {
 
@@ -54,7 +39,9 @@ QBVISA_EXPORT int32_t QBVISA_GetModelName(uint32_t session, char *name,
   if (name == nullptr || size == 0) return QBVISA_ERR_PARAMETER;
   const ChassisRecord *record = qbvisa::lookUpChassis(session);
   if (record == nullptr) return QBVISA_ERR_HANDLE;
-  const char *model = modelNameOf(record->modelTypeCode);
+  // An unknown type code gives the empty name.
+  const qbvisa::ChassisModel *row = qbvisa::modelByType(record->modelTypeCode);
+  const char *model = row != nullptr ? row->name : "";
   const size_t length = std::min<size_t>(std::strlen(model), size - 1);
   std::memcpy(name, model, length);
   name[length] = '\0';

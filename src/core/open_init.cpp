@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
 
@@ -43,7 +44,7 @@ int32_t readMainMatrixPresence(ChassisRecord &record) {
   return 0;
 }
 
-// Slot 1 of an RK420: the bits of reply byte 2 above the main matrix's
+// Slot 1 of a card-taking chassis: the bits of reply byte 2 above the main matrix's
 // sub-matrices, up to the chassis's slot count.
 int32_t readSlot1Presence(ChassisRecord &record) {
   const int32_t status = sendBareRequest(record, kPresenceQuery);
@@ -73,39 +74,22 @@ int32_t readSlot2Presence(ChassisRecord &record) {
   return 0;
 }
 
-struct MainGeometry {
-  uint16_t arrayWordLimit, rowCount, columnCount, subMatrixCount, groupCount,
-      wordsPerGroup, pointCount;
-};
-
-// The chassis's own matrix, by matrix kind. RK420 controllers before
-// firmware 2 drive 13 words per board and take fewer array words.
+// The chassis's own matrix, by matrix kind, for the firmware generation the
+// controller reports (before firmware 2 some drive more words per board).
 int32_t setMainGeometry(ChassisRecord &record) {
   SlotArea &slot = record.slots[0];
-  const bool firstGeneration = record.firmwareMajor <= 1;
-  MainGeometry g{};
-  switch (slot.matrixKind) {
-    case MATRIX_KIND_RK420:
-      g = {static_cast<uint16_t>(firstGeneration ? 19 : 32), 12, 10, 5, 5,
-           static_cast<uint16_t>(firstGeneration ? 13 : 12), 600};
-      slot.geometryWords[0] = 6;
-      slot.geometryWords[1] = 5;
-      break;
-    case MATRIX_KIND_RK421:
-      g = {15, 10, 12, 4, 4, 13, 480};
-      break;
-    case MATRIX_KIND_RK422:
-      g = {1008, 16, 96, 21, 21, 49, 32256};
-      break;
-    case MATRIX_KIND_RK423:
-      g = {3, 8, 12, 1, 1, 10, 96};
-      slot.ltIsolationCount = 2;
-      break;
-    default:
-      // Discovery gives slot 0 one of the four chassis kinds; anything else
-      // has no geometry to switch with.
-      return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  // Discovery gives slot 0 one of the chassis kinds; anything else has no
+  // geometry to switch with.
+  const ChassisModel *model = modelByKind(slot.matrixKind);
+  if (model == nullptr) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  const MainGeometry &g = record.firmwareMajor <= 1 ? model->firstGeneration
+                                                    : model->current;
+  if (model->geometryWords[0] != 0 || model->geometryWords[1] != 0) {
+    slot.geometryWords[0] = model->geometryWords[0];
+    slot.geometryWords[1] = model->geometryWords[1];
   }
+  if (model->ltIsolationCount != 0)
+    slot.ltIsolationCount = model->ltIsolationCount;
   slot.arrayWordLimit = g.arrayWordLimit;
   slot.rowCount = g.rowCount;
   slot.columnCount = g.columnCount;
@@ -116,33 +100,15 @@ int32_t setMainGeometry(ChassisRecord &record) {
   return 0;
 }
 
-struct CardGeometry {
-  uint8_t cardType;
-  uint32_t matrixKind;
-  uint16_t arrayWordLimit, rowCount, groupCount, wordsPerGroup, pointCount,
-      cardExtra;
-};
-
-constexpr CardGeometry kSlot1Cards[] = {
-    {0, MATRIX_KIND_GX4_TYPE0, 25, 16, 8, 20, 800, 0},
-    {1, MATRIX_KIND_GX4MIX, 25, 16, 4, 20, 800, 12},
-    {3, MATRIX_KIND_GX4_TYPE3, 25, 8, 4, 20, 400, 0},
-    {9, MATRIX_KIND_GX4CNEW_TYPE9, 25, 16, 4, 12, 800, 0},
-    {11, MATRIX_KIND_GX4CNEW_TYPE11, 25, 8, 2, 12, 400, 0},
-    {12, MATRIX_KIND_GX3, 13, 8, 4, 10, 400, 0},
-};
-
 int32_t openSlot1(ChassisRecord &record) {
-  if (isRk420Family(record) &&
+  if (takesCards(record) &&
       GetSlotHW(&record, kSlot1Position) < kSlot1MinimumHardware)
     return QBVISA_ERR_NOT_SUPPORTED;
   const int32_t status = sendBareRequest(record, kCardTypeQuery);
   if (status < 0) return status;
   const uint8_t cardType = record.replyBuffer[2];
-  const auto card =
-      std::find_if(std::begin(kSlot1Cards), std::end(kSlot1Cards),
-                   [&](const CardGeometry &c) { return c.cardType == cardType; });
-  if (card == std::end(kSlot1Cards)) return QBVISA_ERR_RF_DEVICE_TYPE;
+  const CardType *card = cardByTypeByte(cardType);
+  if (card == nullptr) return QBVISA_ERR_RF_DEVICE_TYPE;
   SlotArea &slot = record.slots[1];
   slot.matrixKind = card->matrixKind;
   slot.arrayWordLimit = card->arrayWordLimit;
@@ -165,8 +131,9 @@ int32_t openSlot1(ChassisRecord &record) {
 // identity reply names that chassis type (bytes 10-11 from firmware 3.06 on,
 // bytes 6-7 before), most significant byte first.
 int32_t openSlot2(ChassisRecord &record) {
-  uint16_t subType = QBVISA_TYPE_RK420;
-  if (isRk420Family(record)) {
+  // A chassis that takes no cards reads as the first card-taking model.
+  uint16_t subType = chassisModels().front().typeCode;
+  if (takesCards(record)) {
     const int32_t status = sendBareRequest(record, kIdentityQuery);
     if (status < 0) return status;
     const int at = IsNewVer_3_06(&record) ? 10 : 6;
@@ -174,15 +141,10 @@ int32_t openSlot2(ChassisRecord &record) {
                                     record.replyBuffer[at + 1]);
   }
   SlotArea &slot = record.slots[2];
-  if (subType == QBVISA_TYPE_RK420) {
-    slot.matrixKind = MATRIX_KIND_AP;
-    slot.pointCount = 112;
-  } else if (subType == QBVISA_TYPE_RK420B) {
-    slot.matrixKind = MATRIX_KIND_AP_420B;
-    slot.pointCount = 100;
-  } else {
-    return QBVISA_ERR_UNKNOWN_CARD_TYPE;
-  }
+  const ChassisModel *builtFor = cardSlotModel(subType);
+  if (builtFor == nullptr) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  slot.matrixKind = builtFor->slot2Kind;
+  slot.pointCount = builtFor->slot2PointCount;
   slot.arrayWordLimit = 4;
   slot.subMatrixCount = 1;
   slot.wordsPerGroup = 8;
@@ -205,7 +167,7 @@ QBVISA_EXPORT int32_t BoardInPlaceHDW(ChassisRecord *record, uint64_t slot) {
   resetPresence(record->slots[slot]);
   std::memset(record->requestBuffer, 0, sizeof record->requestBuffer);
   if (slot == 0) return readMainMatrixPresence(*record);
-  if (!isRk420Family(*record)) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  if (!takesCards(*record)) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
   return slot == 1 ? readSlot1Presence(*record) : readSlot2Presence(*record);
 }
 
@@ -242,7 +204,7 @@ QBVISA_EXPORT int32_t QBVISA_OpenSpecifiedCard(uint32_t session, uint64_t slot,
   ChassisRecord *record = lookUpChassis(session);
   if (record == nullptr) return QBVISA_ERR_HANDLE;
   slot = effectiveSlot(*record, slot);
-  if (isRk420Family(*record)) {
+  if (takesCards(*record)) {
     const int32_t status = refreshFirmwareVersion(*record);
     if (status < 0) return status;
     // Controllers 2.0 to 2.6 cannot address slot 2.
@@ -262,12 +224,12 @@ QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
   if (record == nullptr) return QBVISA_ERR_HANDLE;
   slot = effectiveSlot(*record, slot);
   InitPointInfo();
-  if (isRk420Family(*record)) {
+  if (takesCards(*record)) {
     const int32_t status = refreshFirmwareVersion(*record);
     if (status < 0) return status;
   }
-  // The RK421 refuses relay frames under front-panel control.
-  if (record->modelTypeCode == QBVISA_TYPE_RK421) {
+  // A chassis with a front panel refuses relay frames under its control.
+  if (hasPortsAndControlMode(*record)) {
     uint32_t mode = 0;
     int32_t status = QBVISA_GetControlMode(session, &mode);
     if (status < 0) return status;

@@ -168,22 +168,24 @@ const PointLocation *gx4cNew(int32_t selector, uint32_t row, uint32_t column) {
 Source sourceOf(uint32_t kind, int32_t selector, uint32_t row,
                 uint32_t column) {
   switch (kind) {
-    case 0: return {rk420(selector, row, column)};
-    case 1: return {rk421(selector, row, column)};
-    case 2: return {rk422(selector, row, column)};
-    case 3: return {rk423(selector, row, column)};
-    case 4: return {gx3(selector, row, column)};
-    case 5: case 6: return {gx4(selector, row, column)};
-    case 7: return gx4c(selector, row, column);
-    case 8: case 9: return {gx4cNew(selector, row, column)};
-    case 10:
+    case MATRIX_KIND_RK420: return {rk420(selector, row, column)};
+    case MATRIX_KIND_RK421: return {rk421(selector, row, column)};
+    case MATRIX_KIND_RK422: return {rk422(selector, row, column)};
+    case MATRIX_KIND_RK423: return {rk423(selector, row, column)};
+    case MATRIX_KIND_GX3: return {gx3(selector, row, column)};
+    case MATRIX_KIND_GX4_TYPE3:
+    case MATRIX_KIND_GX4_TYPE0: return {gx4(selector, row, column)};
+    case MATRIX_KIND_GX4C: return gx4c(selector, row, column);
+    case MATRIX_KIND_GX4CNEW_TYPE11:
+    case MATRIX_KIND_GX4CNEW_TYPE9: return {gx4cNew(selector, row, column)};
+    case MATRIX_KIND_GX4MIX:
       // GX4Mix: a GX4 half on rows 0..7 and a GX4CNew half from row 8 on.
       return {row <= 7 ? gx4(selector, row, column)
                        : gx4cNew(selector, row - 8, column)};
-    case 11:
+    case MATRIX_KIND_AP:
       return {selector == MATRIX ? entryAt(matrixAPLocation, row, column)
                                  : nullptr};
-    case 12:
+    case MATRIX_KIND_AP_420B:
       return {selector == MATRIX ? entryAt(matrixAP_420BLocation, row, column)
                                  : nullptr};
     default: return {};

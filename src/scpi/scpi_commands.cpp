@@ -4,15 +4,18 @@
 #include <cstring>
 
 #include "qbvisa_lowlevel.h"
+#include "scpi/text_command.h"
 
 namespace {
 
-constexpr uint32_t kUnknownCommand = 22;
+using namespace qbvisa;
 
 // Setters carry an argument after the blank that ends their pattern.
 bool takesArgument(int32_t id) {
   switch (id) {
-    case 5: case 7: case 13: case 14: case 15: case 18: case 19:
+    case kCmdSetIpAddress: case kCmdSetLanMode: case kCmdSetControlMode:
+    case kCmdSetGpibAddress: case kCmdSetBaudRate: case kCmdOpenList:
+    case kCmdCloseList:
       return true;
     default:
       return false;
@@ -28,65 +31,65 @@ extern "C" {
 // Long forms, used when the line holds any lower-case letter. The order is
 // part of the matching rule (first prefix match wins) and the spellings are
 // the ones the instruments' users have always typed, odd ones included.
-const ScpiCommandEntry commandMapUpperAndLower[26] = {
-    {"*IDN?", 0},
-    {"*RST>", 4},
-    {":SYSTem:VERSion?", 1},
-    {":SYSTem:MANF?", 2},
-    {":SYSTem:MODule?", 3},
-    {":SYSemT:COMMunication:LAN:IP:ADDRess ", 5},
-    {":SYSemT:COMMunication:LAN:IP:ADDRess?", 6},
-    {":SYSemT:COMMunication:LAN:SET:MODE ", 7},
-    {":SYSemT:COMMunication:LAN:MODE?", 8},
-    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess ", 14},
-    {":SYSTem:COMMunicate:RS232:BAUD ", 15},
-    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess?", 16},
-    {":SYSTem:COMMunicate:RS232:BAUD?", 17},
-    {":SYSTem:ConTRoL:MODE?", 12},
-    {":SYSTem:ConTRoL:SET: ", 13},
-    {":DIAGnostic:TEST:CARD:BIP?", 9},
-    {":DIAGnostic:TEST:CARD:SPILOOP?", 10},
-    {":DIAGnostic:TEST:CARD:STATe?", 11},
-    {"[:ROUTe]:OPEN ", 18},
-    {"[:ROUTe]:OPEN:ALL", 20},
-    {":OPEN ", 18},
-    {":OPEN:ALL", 20},
-    {"[:ROUTe]:CLOSe ", 19},
-    {"[:ROUTe]:CLOSe:ALL", 21},
-    {":CLOSe ", 19},
-    {":CLOSe:ALL", 21},
+const ScpiCommandEntry commandMapUpperAndLower[kTextCommandPatterns] = {
+    {"*IDN?", kCmdIdentify},
+    {"*RST>", kCmdReset},
+    {":SYSTem:VERSion?", kCmdFirmwareVersions},
+    {":SYSTem:MANF?", kCmdManufacturer},
+    {":SYSTem:MODule?", kCmdModule},
+    {":SYSemT:COMMunication:LAN:IP:ADDRess ", kCmdSetIpAddress},
+    {":SYSemT:COMMunication:LAN:IP:ADDRess?", kCmdGetIpAddress},
+    {":SYSemT:COMMunication:LAN:SET:MODE ", kCmdSetLanMode},
+    {":SYSemT:COMMunication:LAN:MODE?", kCmdGetLanMode},
+    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess ", kCmdSetGpibAddress},
+    {":SYSTem:COMMunicate:RS232:BAUD ", kCmdSetBaudRate},
+    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess?", kCmdGetGpibAddress},
+    {":SYSTem:COMMunicate:RS232:BAUD?", kCmdGetBaudRate},
+    {":SYSTem:ConTRoL:MODE?", kCmdGetControlMode},
+    {":SYSTem:ConTRoL:SET: ", kCmdSetControlMode},
+    {":DIAGnostic:TEST:CARD:BIP?", kCmdBoardInPlace},
+    {":DIAGnostic:TEST:CARD:SPILOOP?", kCmdSpiLoop},
+    {":DIAGnostic:TEST:CARD:STATe?", kCmdSelfTest},
+    {"[:ROUTe]:OPEN ", kCmdOpenList},
+    {"[:ROUTe]:OPEN:ALL", kCmdOpenAll},
+    {":OPEN ", kCmdOpenList},
+    {":OPEN:ALL", kCmdOpenAll},
+    {"[:ROUTe]:CLOSe ", kCmdCloseList},
+    {"[:ROUTe]:CLOSe:ALL", kCmdCloseAll},
+    {":CLOSe ", kCmdCloseList},
+    {":CLOSe:ALL", kCmdCloseAll},
 };
 
 // Short forms, used when the line has no lower-case letter. The bracketed
 // ":ALL" forms map to the list commands on purpose: existing scripts rely on
 // them switching nothing.
-const ScpiCommandEntry commandMapAllUpper[26] = {
-    {"*IDN?", 0},
-    {"*RST>", 4},
-    {":SYST:VERS?", 1},
-    {":SYST:MANF?", 2},
-    {":SYST:MOD?", 3},
-    {":SYST:CTRL:MODE?", 12},
-    {":SYST:CTRL:SET: ", 13},
-    {":SYST:COMM:LAN:IP:ADDR ", 5},
-    {":SYST:COMM:LAN:IP:ADDR?", 6},
-    {":SYST:COM:LAN:SET:MODE ", 7},
-    {":SYST:COMM:LAN:MODE?", 8},
-    {":SYST:COMM:GPIB:RDEV:ADDR ", 14},
-    {":SYST:COMM:RS232:BAUD ", 15},
-    {":SYST:COMM:GPIB:RDEV:ADDR?", 16},
-    {":SYST:COMM:RS232:BAUD?", 17},
-    {":DIAG:TEST:CARD:BIP?", 9},
-    {":DIAG:TEST:CARD:SPILOOP?", 10},
-    {":DIAG:TEST:CARD:STAT?", 11},
-    {"[:ROUT]:OPEN ", 18},
-    {"[:ROUT]:OPEN:ALL", 18},
-    {":OPEN ", 18},
-    {":OPEN:ALL", 20},
-    {"[:ROUT]:CLOS ", 19},
-    {"[:ROUT]:CLOS:ALL", 19},
-    {":CLOS ", 19},
-    {":CLOS:ALL", 21},
+const ScpiCommandEntry commandMapAllUpper[kTextCommandPatterns] = {
+    {"*IDN?", kCmdIdentify},
+    {"*RST>", kCmdReset},
+    {":SYST:VERS?", kCmdFirmwareVersions},
+    {":SYST:MANF?", kCmdManufacturer},
+    {":SYST:MOD?", kCmdModule},
+    {":SYST:CTRL:MODE?", kCmdGetControlMode},
+    {":SYST:CTRL:SET: ", kCmdSetControlMode},
+    {":SYST:COMM:LAN:IP:ADDR ", kCmdSetIpAddress},
+    {":SYST:COMM:LAN:IP:ADDR?", kCmdGetIpAddress},
+    {":SYST:COM:LAN:SET:MODE ", kCmdSetLanMode},
+    {":SYST:COMM:LAN:MODE?", kCmdGetLanMode},
+    {":SYST:COMM:GPIB:RDEV:ADDR ", kCmdSetGpibAddress},
+    {":SYST:COMM:RS232:BAUD ", kCmdSetBaudRate},
+    {":SYST:COMM:GPIB:RDEV:ADDR?", kCmdGetGpibAddress},
+    {":SYST:COMM:RS232:BAUD?", kCmdGetBaudRate},
+    {":DIAG:TEST:CARD:BIP?", kCmdBoardInPlace},
+    {":DIAG:TEST:CARD:SPILOOP?", kCmdSpiLoop},
+    {":DIAG:TEST:CARD:STAT?", kCmdSelfTest},
+    {"[:ROUT]:OPEN ", kCmdOpenList},
+    {"[:ROUT]:OPEN:ALL", kCmdOpenList},
+    {":OPEN ", kCmdOpenList},
+    {":OPEN:ALL", kCmdOpenAll},
+    {"[:ROUT]:CLOS ", kCmdCloseList},
+    {"[:ROUT]:CLOS:ALL", kCmdCloseList},
+    {":CLOS ", kCmdCloseList},
+    {":CLOS:ALL", kCmdCloseAll},
 };
 
 QBVISA_EXPORT int existLowerCase(const char *text) {
@@ -107,13 +110,13 @@ QBVISA_EXPORT int allUpperCase(char *text) {
 
 QBVISA_EXPORT void scpi_parser(uint32_t /*session*/, const char *line,
                                char *message, char *argument, uint32_t *id) {
-  uint32_t found = kUnknownCommand;
+  uint32_t found = kCmdNotRecognised;
   size_t matchedLength = 0;
   if (line != nullptr) {
     const ScpiCommandEntry *table = existLowerCase(line)
                                         ? commandMapUpperAndLower
                                         : commandMapAllUpper;
-    for (int i = 0; i < 26; ++i) {
+    for (size_t i = 0; i < kTextCommandPatterns; ++i) {
       const size_t n = std::strlen(table[i].pattern);
       // strncmp stops at the line's terminator, so a short line never
       // reads past its end.
@@ -125,7 +128,7 @@ QBVISA_EXPORT void scpi_parser(uint32_t /*session*/, const char *line,
     }
   }
   if (id != nullptr) *id = found;
-  if (found == kUnknownCommand) {
+  if (found == kCmdNotRecognised) {
     if (message != nullptr) std::strcpy(message, "Unknown Command");
     return;
   }

@@ -9,10 +9,12 @@
 #include "core/chassis_request.h"
 #include "core/visa_api.h"
 #include "qbvisa_lowlevel.h"
+#include "scpi/text_command.h"
 
 namespace {
 
 using qbvisa::lookUpChassis;
+using enum qbvisa::TextCommandId;
 
 enum class Caller { Write, Query };
 
@@ -274,26 +276,26 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
   int32_t flags[4] = {};
   uint32_t flagCount = 0;
   switch (id) {
-    case 0:
-    case 4:
+    case kCmdIdentify:
+    case kCmdReset:
       if (record == nullptr && lookUpChassis(session) == nullptr) {
         putError(reply, QBVISA_ERR_HANDLE);
         return;
       }
-      if (id == 0) {
+      if (id == kCmdIdentify) {
         identify(session, reply);
       } else {
         reset(session, caller, reply);
       }
       return;
-    case 1:
+    case kCmdFirmwareVersions:
       firmwareVersions(session, reply);
       return;
-    case 2:
-    case 3:
-      deviceText(session, id == 2, reply);
+    case kCmdManufacturer:
+    case kCmdModule:
+      deviceText(session, id == kCmdManufacturer, reply);
       return;
-    case 5:
+    case kCmdSetIpAddress:
       status = QBVISA_SetIPAddress(session, argument);
       if (status < 0) {
         putError(reply, status);
@@ -303,7 +305,7 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
             "Manual IP Mode!");
       }
       return;
-    case 6: {
+    case kCmdGetIpAddress: {
       char address[32] = {};
       status = QBVISA_GetCOMMIPAddr(session, address);
       if (status < 0) {
@@ -313,10 +315,10 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
       }
       return;
     }
-    case 7:
+    case kCmdSetLanMode:
       setLanMode(session, argument, reply);
       return;
-    case 8:
+    case kCmdGetLanMode:
       status = QBVISA_GetLANMode(session, &value);
       if (status < 0) {
         putError(reply, status);
@@ -326,19 +328,19 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
         put(reply, "Unknown IP Communication Mode");
       }
       return;
-    case 9:
+    case kCmdBoardInPlace:
       status = QBVISA_BoardInPlaceInfo(session, flags, &flagCount);
       diagnosticFlags(status, flags, reply);
       return;
-    case 10:
+    case kCmdSpiLoop:
       status = QBVISA_SPILoopTestInfo(session, 0, flags, &flagCount);
       diagnosticFlags(status, flags, reply);
       return;
-    case 11:
+    case kCmdSelfTest:
       status = QBVISA_SelfTest(session, 0, reply.text, 100);
       if (status < 0) putError(reply, status);
       return;
-    case 12:
+    case kCmdGetControlMode:
       status = QBVISA_GetControlMode(session, &value);
       if (status < 0) {
         putError(reply, status);
@@ -346,13 +348,13 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
         put(reply, value == 0 ? "Control Mode : Local" : "Control Mode : Remote");
       }
       return;
-    case 13:
+    case kCmdSetControlMode:
       changeControlMode(session, argument, reply);
       return;
-    case 14:
+    case kCmdSetGpibAddress:
       setGpibAddress(session, argument, reply);
       return;
-    case 16:
+    case kCmdGetGpibAddress:
       status = QBVISA_GetGPIBAddress(session, &value);
       if (status < 0) {
         putError(reply, status);
@@ -360,7 +362,7 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
         put(reply, "GPIB Address:%d", static_cast<int>(value));
       }
       return;
-    case 17:
+    case kCmdGetBaudRate:
       status = QBVISA_GetBaudRate(session, &value);
       if (status < 0) {
         putError(reply, status);
@@ -368,16 +370,16 @@ void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
         put(reply, "RS232 Baudrate:%d", static_cast<int>(value));
       }
       return;
-    case 18:
-    case 19:
-      switchList(session, record, id == 19, argument, reply);
+    case kCmdOpenList:
+    case kCmdCloseList:
+      switchList(session, record, id == kCmdCloseList, argument, reply);
       return;
-    case 20:
-    case 21:
-      switchAll(session, record, id == 21, reply);
+    case kCmdOpenAll:
+    case kCmdCloseAll:
+      switchAll(session, record, id == kCmdCloseAll, reply);
       return;
     default:
-      // The baud-rate setter (15) is recognised but served only by
+      // The baud-rate setter is recognised but served only by
       // QBVISA_SetBaudRate, which also retunes the host side of the line.
       put(reply, "%s", kUnknownScpi);
       return;

@@ -5,17 +5,17 @@
 #include <cstdint>
 #include <cstring>
 
+#include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
+#include "wiring/crosspoint_wiring.h"
 
 namespace {
 
 using namespace qbvisa;
 
-constexpr int32_t kClosureLimitRk420 = 400;
-constexpr int32_t kClosureLimitRk421 = 270;
-// A 13-word board of the RK420 family has no relays behind the top four
-// bits of its bit group 12.
+// A 13-word board of a model with shortBoardDeadBits has no relays behind
+// the top four bits of its bit group 12.
 constexpr int kShortBoardWords = 13;
 constexpr int kShortBoardGroup = 12;
 constexpr int kShortBoardFirstDeadBit = 12;
@@ -30,65 +30,18 @@ void closeRelay(uint8_t *board, int32_t group, int32_t position) {
   board[group * kRelaysPerBitGroup + position] = 1;
 }
 
-RelayPosition lookUp(uint32_t kind, LocationSelector selector, uint32_t row,
-                     uint32_t column) {
-  RelayPosition where{-1, -1};
-  GetPoint(kind, selector, row, column, &where);
-  return where;
-}
-
-// The RK422 tables describe one block of four rows with 1-based bit
-// numbers; the block of a row lies wordsPerGroup bit groups further on.
-void placeRk422Point(uint8_t *board, const SlotArea &slot, uint32_t row,
-                     uint32_t column) {
-  const uint32_t block = row / 4;
-  for (LocationSelector selector : {MATRIX, ISO_Y}) {
-    const RelayPosition where =
-        lookUp(MATRIX_KIND_RK422, selector, row % 4, column);
-    closeRelay(board,
-               where.group + static_cast<int32_t>(slot.wordsPerGroup * block),
-               where.position - 1);
-  }
-}
-
-// A crosspoint closes with its Y isolation relay and, by kind, the X, CV
-// isolation relays that connect its row and column to the front panel.
-void placePoint(uint8_t *board, uint32_t kind, uint32_t row,
-                uint32_t column) {
-  auto close = [&](LocationSelector selector) {
-    const RelayPosition where = lookUp(kind, selector, row, column);
-    closeRelay(board, where.group, where.position);
-  };
-  close(MATRIX);
-  close(ISO_Y);
-  switch (kind) {
-    case MATRIX_KIND_RK420:
-      close(ISO_X);
-      break;
-    case MATRIX_KIND_RK421:
-      close(ISO_X);
-      if (row == 4 || row == 5) close(ISO_CV);
-      break;
-    case MATRIX_KIND_RK423:
-      if (row >= 2 && row <= 7) close(ISO_X);
-      if (row == 6 || row == 7) close(ISO_CV);
-      break;
-    default:
-      break;
-  }
-}
-
 }  // namespace
 
 namespace qbvisa {
 
 int32_t slotClosureLimit(const ChassisRecord &record) {
-  const SlotArea &slot = record.slots[0];
-  const bool limited =
-      isRk420Family(record) || record.modelTypeCode == QBVISA_TYPE_RK421;
-  if (limited && slot.matrixKind == MATRIX_KIND_RK420) return kClosureLimitRk420;
-  if (limited && slot.matrixKind == MATRIX_KIND_RK421) return kClosureLimitRk421;
-  return INT32_MAX;
+  // A limited model's limit, as its matrix kind sets it.
+  const ChassisModel *model = modelByType(record.modelTypeCode);
+  const ChassisModel *kindModel = modelByKind(record.slots[0].matrixKind);
+  if (model == nullptr || model->closureLimit == 0 || kindModel == nullptr ||
+      kindModel->closureLimit == 0)
+    return INT32_MAX;
+  return kindModel->closureLimit;
 }
 
 }  // namespace qbvisa
@@ -105,6 +58,7 @@ QBVISA_EXPORT int32_t SetRelayStateDataType0(ChassisRecord *record,
   const uint32_t columns = slot.columnCount;
   const uint32_t pointsPerRow = uint32_t{slot.subMatrixCount} * columns;
   // Never read past the caller's point list, whatever the record says.
+  const ChassisModel *model = modelByType(record->modelTypeCode);
   const uint32_t pointCount = std::min<uint32_t>(
       slot.pointCount, static_cast<uint32_t>(kPointListBytes));
   for (uint32_t p = 0; pointsPerRow != 0 && p < pointCount; ++p) {
@@ -112,10 +66,7 @@ QBVISA_EXPORT int32_t SetRelayStateDataType0(ChassisRecord *record,
     const uint32_t row = p / pointsPerRow;
     const uint32_t inRow = p % pointsPerRow;
     const uint32_t sub = inRow / columns;
-    uint32_t column = inRow % columns;
-    // The first six columns of the RK421 are wired in reverse order.
-    if (record->modelTypeCode == QBVISA_TYPE_RK421 && column <= 5)
-      column = 5 - column;
+    const uint32_t column = wiredColumn(model, inRow % columns);
     if (sub >= sizeof slot.subMatrixGroup) continue;
     const int board = slot.subMatrixGroup[sub];
     if (board < 0 || board >= kImageBoards) continue;  // not fitted
@@ -125,19 +76,20 @@ QBVISA_EXPORT int32_t SetRelayStateDataType0(ChassisRecord *record,
                         0, slot.rowCount, slot.columnCount) != 0)
       return 1;
     uint8_t *boardBase = image + board * kBoardBytes;
-    if (kind == MATRIX_KIND_RK422)
-      placeRk422Point(boardBase, slot, row, column);
-    else
-      placePoint(boardBase, kind, row, column);
+    const PointRelays relays = pointRelays(model, kind, slot.wordsPerGroup,
+                                           row, inRow % columns);
+    for (int r = 0; r < relays.count; ++r)
+      closeRelay(boardBase, relays.at[r].group, relays.at[r].position);
   }
-  // Only the RK423 has the LT relays; the RK423B shares its tables but not
-  // this wiring.
-  if (record->modelTypeCode != QBVISA_TYPE_RK423) return record->modelTypeCode;
+  // Only models with LT relays switch them; others share the tables but not
+  // this wiring, and report their type code.
+  if (model == nullptr || !model->hasLtRelays) return record->modelTypeCode;
   const uint16_t ltCount =
       std::min<uint16_t>(slot.ltIsolationCount, sizeof slot.ltIsolationState);
   for (uint16_t j = 0; j < ltCount; ++j) {
     if (slot.ltIsolationState[j] != 1) continue;
-    const RelayPosition where = lookUp(kind, ISO_LT, j, 0);
+    RelayPosition where{-1, -1};
+    GetPoint(kind, ISO_LT, j, 0, &where);
     closeRelay(image, where.group, where.position);
   }
   return 0;
@@ -157,7 +109,7 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
     return QBVISA_ERR_PARAMETER;
 
   // Only the bit groups that go on the wire must start open: the builder
-  // merely sets bytes elsewhere (unfitted boards, the RK422's upper row
+  // merely sets bytes elsewhere (unfitted boards, a row-block model's upper row
   // blocks) and nothing reads them, so clearing the whole image per call
   // would cost more than packing it.
   uint8_t image[kRelayImageBytes];
@@ -173,6 +125,10 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
   frame[3] = 0;
 
   const int32_t closureLimit = qbvisa::slotClosureLimit(*record);
+  const ChassisModel *kindModel = modelByKind(slot.matrixKind);
+  const bool deadBits = kindModel != nullptr && kindModel->shortBoardDeadBits &&
+                        words == kShortBoardWords;
+  const ChassisModel *model = modelByType(record->modelTypeCode);
 
   int32_t closed = 0;
   for (int board = 0; board < boards; ++board) {
@@ -180,8 +136,7 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
     uint16_t *boardWords = frame + kFrameHeaderWords + board * words;
     // The chassis takes a board's bit groups last first.
     for (int w = words - 1; w >= 0; --w) {
-      if (slot.matrixKind == MATRIX_KIND_RK420 && words == kShortBoardWords &&
-          w == kShortBoardGroup)
+      if (deadBits && w == kShortBoardGroup)
         std::memset(boardBase + kShortBoardGroup * kRelaysPerBitGroup +
                         kShortBoardFirstDeadBit,
                     0, kRelaysPerBitGroup - kShortBoardFirstDeadBit);
@@ -204,8 +159,9 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
           : SendRecvMsg(record->session, reinterpret_cast<uint8_t *>(frame),
                         frameBytes, record->replyBuffer);
   if (status < 0) return status;
-  // Under front-panel control the RK421 refuses relay frames this way.
-  if (record->modelTypeCode == QBVISA_TYPE_RK421 &&
+  // Under front-panel control a model with a front panel refuses relay
+  // frames this way.
+  if (model != nullptr && model->hasPortsAndControlMode &&
       record->replyBuffer[0] == 0xFF)
     return QBVISA_ERR_CONTROL_MODE_CONFLICT;
   return 0;

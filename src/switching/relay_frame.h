@@ -23,12 +23,12 @@ inline constexpr int kBoardBytes = kBitGroupsPerBoard * kRelaysPerBitGroup;
 inline constexpr std::size_t kRelayImageBytes =
     static_cast<std::size_t>(kImageBoards) * kBoardBytes;
 
-// Point list: one byte per matrix point; the largest matrix (RK422) has
+// Point list: one byte per matrix point; the largest matrix has
 // 32256 points.
 inline constexpr std::size_t kPointListBytes = 40000;
 
 // Relay-state frame: command word, length word, then one word per bit
-// group of every board. Sized for the whole image, because an RK422 frame
+// group of every board. Sized for the whole image, because the largest frame
 // (21 boards x 49 words) is already larger than the record's request buffer.
 inline constexpr uint16_t kRelayStateCommand = 19;
 inline constexpr std::size_t kFrameHeaderWords = 2;

@@ -13,7 +13,8 @@ for name in libQBVISA.so libQBVISA.so.1 libQBVISA.so.1.1.77; do
 done
 test ! -e "$lib/libvisa.so" || { echo "the simulated VISA must not be installed"; exit 1; }
 # The station's VISA would be on the linker's path; here it is the simulated one.
-cmake -S "$here" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$scratch/prefix" \
+# Ninja, as for the project itself: a fresh machine has no make.
+cmake -S "$here" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/prefix" \
       -DCMAKE_EXE_LINKER_FLAGS="-Wl,-rpath-link,$sim" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
 LD_LIBRARY_PATH="$lib:$sim" "$scratch/cmake/consumer"

@@ -12,7 +12,7 @@
 #include "qbvisa.h"
 #include "qbvisa_lowlevel.h"
 
-namespace admin_bench {
+namespace qbtest {
 
 constexpr uint32_t kUnknownSession = 0x7FFF0000u;  // no chassis record holds it
 
@@ -62,4 +62,4 @@ inline std::vector<uint16_t> Commands(const std::string &resource) {
   return commands;
 }
 
-}  // namespace admin_bench
+}  // namespace qbtest

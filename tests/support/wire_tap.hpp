@@ -12,7 +12,7 @@
 
 #include "core/visa_api.h"
 
-namespace wire_tap {
+namespace qbtest {
 
 inline std::function<void(std::vector<uint8_t> &frame)> onWrite;  // before the bench
 inline std::function<void(uint8_t *reply, uint32_t count)> onRead;  // after the bench
@@ -22,14 +22,14 @@ struct Scope {
   ~Scope() { onWrite = nullptr; onRead = nullptr; }
 };
 
-}  // namespace wire_tap
+}  // namespace qbtest
 
 extern "C" ViStatus viWrite(ViSession vi, const ViByte *buf, ViUInt32 cnt, ViUInt32 *retCnt) {
   using Write = ViStatus (*)(ViSession, const ViByte *, ViUInt32, ViUInt32 *);
   static const auto next = reinterpret_cast<Write>(dlsym(RTLD_NEXT, "viWrite"));
-  if (!wire_tap::onWrite || buf == nullptr) return next(vi, buf, cnt, retCnt);
+  if (!qbtest::onWrite || buf == nullptr) return next(vi, buf, cnt, retCnt);
   std::vector<uint8_t> frame(buf, buf + cnt);
-  wire_tap::onWrite(frame);
+  qbtest::onWrite(frame);
   return next(vi, frame.data(), static_cast<ViUInt32>(frame.size()), retCnt);
 }
 
@@ -37,8 +37,8 @@ extern "C" ViStatus viRead(ViSession vi, ViByte *buf, ViUInt32 cnt, ViUInt32 *re
   using Read = ViStatus (*)(ViSession, ViByte *, ViUInt32, ViUInt32 *);
   static const auto next = reinterpret_cast<Read>(dlsym(RTLD_NEXT, "viRead"));
   const ViStatus status = next(vi, buf, cnt, retCnt);
-  if (wire_tap::onRead && status >= 0 && buf != nullptr && retCnt != nullptr) {
-    wire_tap::onRead(buf, *retCnt);
+  if (qbtest::onRead && status >= 0 && buf != nullptr && retCnt != nullptr) {
+    qbtest::onRead(buf, *retCnt);
   }
   return status;
 }

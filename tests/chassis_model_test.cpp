@@ -1,0 +1,68 @@
+// The model and card tables are what every per-model decision reads, so a
+// row that contradicts itself or another row is a wiring fault on the wire.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+
+#include "core/chassis_model.h"
+#include "qbvisa_lowlevel.h"
+#include "wiring/crosspoint_wiring.h"
+
+namespace {
+
+using namespace qbvisa;
+
+TEST(ChassisModelTest, RowsAreUniqueAndSelfConsistent) {
+  std::set<uint16_t> codes;
+  std::set<std::string> names;
+  for (const ChassisModel &model : chassisModels()) {
+    SCOPED_TRACE(model.name);
+    EXPECT_TRUE(codes.insert(model.typeCode).second);
+    EXPECT_TRUE(names.insert(model.name).second);
+    EXPECT_TRUE(names.insert(model.codeText).second);
+    EXPECT_EQ(modelByType(model.typeCode), &model);
+    EXPECT_EQ(modelByName(model.name), &model);
+    EXPECT_EQ(modelByName(model.codeText), &model);
+    for (const MainGeometry &g : {model.firstGeneration, model.current}) {
+      EXPECT_EQ(g.pointCount, g.rowCount * g.columnCount * g.subMatrixCount);
+      EXPECT_EQ(g.subMatrixCount, model.subMatrixCount);
+    }
+    // A card-taking model names the AP card its slot 2 holds.
+    EXPECT_EQ(model.slot2Kind != 0, cardSlotModel(model.typeCode) == &model);
+    EXPECT_NE(cardNameOfKind(model.slot0Kind), nullptr);
+  }
+  EXPECT_EQ(modelByType(0), nullptr);
+  EXPECT_EQ(modelByName(""), nullptr);
+}
+
+TEST(ChassisModelTest, EveryCrosspointOfEveryModelHasARelayOnItsBoard) {
+  InitPointInfo();
+  for (const ChassisModel &model : chassisModels()) {
+    SCOPED_TRACE(model.name);
+    const MainGeometry &g = model.current;
+    for (uint32_t row = 0; row < g.rowCount; ++row)
+      for (uint32_t column = 0; column < g.columnCount; ++column) {
+        const PointRelays relays =
+            pointRelays(&model, model.slot0Kind, g.wordsPerGroup, row, column);
+        ASSERT_GE(relays.count, 2);
+        EXPECT_GE(relays.at[0].group, 0);
+        EXPECT_LT(relays.at[0].group, g.wordsPerGroup * (model.rowBlocks ? 4 : 1));
+        EXPECT_GE(relays.at[0].position, 0);
+        EXPECT_LT(relays.at[0].position, 16);
+      }
+  }
+}
+
+TEST(ChassisModelTest, CardsHaveNamesAndSizes) {
+  for (const CardType &card : cardTypes()) {
+    EXPECT_EQ(cardByTypeByte(card.typeByte), &card);
+    const char *name = cardNameOfKind(card.matrixKind);
+    ASSERT_NE(name, nullptr);
+    EXPECT_NE(cardSizeOf(name), nullptr) << name;
+  }
+  EXPECT_EQ(cardNameOfKind(kNoMatrixKind), nullptr);
+  EXPECT_EQ(cardByTypeByte(2), nullptr);
+}
+
+}  // namespace
