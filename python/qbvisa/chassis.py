@@ -84,11 +84,12 @@ class _Shared:
         self.closed: Dict[int, FrozenSet[Point]] = {}
 
 
-# Process-wide: sessions by resource, per-session shared state, and a
-# generation that a new simulated bench advances (older objects are stale).
+# Process-wide: per-session shared state, what discovery found, and a
+# generation that a new discovery or simulated bench advances (objects of an
+# older generation are stale: their sessions are gone).
 _shared: Dict[int, _Shared] = {}
 _generation = 0
-_rediscover = False
+_found: Optional[List[Found]] = None
 # After a failed write on the switching path the library keeps its
 # process-wide exchange lock held, so every later relay frame would block for
 # good; the package refuses switching from then on instead of hanging.
@@ -96,37 +97,41 @@ _switching_blocked: Optional[str] = None
 
 
 def _invalidate() -> None:
-    """A new bench replaced every instrument: sessions of earlier objects are
-    gone and the next connection runs discovery again. Call under the
-    exclusive lock."""
-    global _generation, _rediscover
+    """Sessions of every object so far are gone (a new bench replaced the
+    instruments, or discovery opened new sessions); the next connection runs
+    discovery. Call under the exclusive lock."""
+    global _generation, _found
     _generation += 1
-    _rediscover = True
+    _found = None
     _shared.clear()
 
 
 def _discover() -> List[Found]:
-    global _rediscover
+    """Runs discovery (exclusive lock held) and keeps its result."""
+    global _found
     entries = (lib.ResourceEntry * _REGISTRY_SIZE)()
     count = ctypes.c_uint32(0)
+    if _found is not None:
+        _invalidate()  # discovery gives every chassis a new session
     lib.library().QBVISA_FindRsrc(entries, ctypes.byref(count))
-    _rediscover = False
-    _shared.clear()
     found = []
     for entry in entries[: count.value]:
         name = bytes(entry.resourceName).split(b"\0", 1)[0].decode("latin-1")
         code = int(entry.typeCode)
         found.append(Found(name, MODELS.get(code, f"type {code}"), code))
-    return found
+    _found = found
+    return list(found)
 
 
-def find() -> List[Found]:
-    """Finds every chassis reachable through VISA (runs discovery again).
-
-    Sessions of chassis connected before stay valid in the library, but the
-    package forgets what it switched on them."""
+def find(refresh: bool = False) -> List[Found]:
+    """The chassis reachable through VISA. Discovery runs once per process
+    (or per simulated bench); ``refresh=True`` runs it again to see chassis
+    switched on since, which gives every chassis a new session: objects
+    connected before become stale (connect again, reopen the slot)."""
     with process_lock.exclusive():
-        return _discover()
+        if _found is None or refresh:
+            return _discover()
+        return list(_found)
 
 
 def _text(value: object, what: str) -> bytes:
@@ -158,7 +163,7 @@ def connect(resource: str) -> "Chassis":
     """
     name = _text(resource, "resource")
     with process_lock.exclusive():
-        if _rediscover:
+        if _found is None:
             _discover()
         session = ctypes.c_uint32(0)
         library = lib.library()
