@@ -14,7 +14,7 @@ from __future__ import annotations
 
 from . import lib, points, sim
 from .chassis import (MODELS, Chassis, ChassisInfo, ControlMode, Found, LanMode,
-                      Matrix, connect, find)
+                      Matrix, _text, connect, find)
 from .errors import (BadArgumentError, CardMissingError, ChassisNotFoundError,
                      ClosureLimitError, ControlModeError, DeviceFailureError, Error,
                      ExchangeError, FirmwareUpdateError, NotFittedError,
@@ -36,14 +36,8 @@ def card_size(name: str) -> str:
     import ctypes
 
     size = ctypes.create_string_buffer(64)
-    lib.call("QBVISA_GetCardSize", chassis_text(name), size)
+    lib.call("QBVISA_GetCardSize", _text(name, "card name"), size)
     return size.value.decode("latin-1")
-
-
-def chassis_text(value: object) -> bytes:
-    from .chassis import _text
-
-    return _text(value, "name")
 
 
 __all__ = [

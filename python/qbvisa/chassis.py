@@ -551,30 +551,31 @@ class Matrix:
         """The crosspoints this process has closed on this slot."""
         return self._chassis._shared.closed.get(self._slot, frozenset())
 
-    def _points(self, points: Points) -> Set[Point]:
+    def _switchable(self) -> None:
         if self._slot != 0:
             raise errors.NotSupportedError(
                 -10026, lib.error_text(-10026),
                 f"slot {self._slot} holds a card: only slot 0 switches")
+        if _switching_blocked is not None:
+            raise errors.SendError(-10004, lib.error_text(-10004), _switching_blocked)
+
+    def _points(self, points: Points) -> Set[Point]:
+        self._switchable()
         wanted = normalise(points)
         for point in wanted:
             self._geometry.check(point)
         return set(wanted)
 
     def _apply(self, change: Callable[[FrozenSet[Point]], FrozenSet[Point]]) -> None:
+        global _switching_blocked
+        self._switchable()
         chassis = self._chassis
-        if self._slot != 0:
-            raise errors.NotSupportedError(
-                -10026, lib.error_text(-10026),
-                f"slot {self._slot} holds a card: only slot 0 switches")
         with chassis._locked():
+            self._switchable()  # another thread's frame may have failed meanwhile
             shared = chassis._shared
             target = change(shared.closed.get(self._slot, frozenset()))
             words = self._geometry.words(target)
             array = (ctypes.c_uint32 * len(words))(*words)
-            global _switching_blocked
-            if _switching_blocked is not None:
-                raise errors.SendError(-10004, lib.error_text(-10004), _switching_blocked)
             try:
                 lib.call("QBVISA_OpMatrix", chassis.session, self._slot, array, len(words))
             except errors.SendError:

@@ -150,4 +150,7 @@ def from_status(code: int, detail: str = "", text: Optional[str] = None) -> Erro
         from . import lib  # the texts live in the library itself
 
         text = lib.error_text(code)
+    if code < LIBRARY_CODES[0]:
+        status = f"VISA status 0x{code & 0xFFFFFFFF:08X}"
+        detail = f"{detail}: {status}" if detail else status
     return error_class(code)(code, text, detail)

@@ -166,7 +166,7 @@ def closed_relays(resource: str) -> List[Relay]:
     """The relays the simulated chassis holds closed, as sorted
     ``(board, bit group, bit)`` triples."""
     visa = _simulator()
-    name = resource.encode()
+    name = _chassis._text(resource, "resource")
     size = 256
     while True:
         triples = (ctypes.c_int32 * (3 * size))()
@@ -181,8 +181,13 @@ def closed_relays(resource: str) -> List[Relay]:
 
 def inject(resource: str, fault: Union[Fault, str]) -> None:
     """Arms a fault on a simulated resource."""
-    kind = Fault(fault)
-    if _simulator().qbsim_inject_fault(resource.encode(), kind.value.encode()) != 0:
+    name = _chassis._text(resource, "resource")
+    try:
+        kind = Fault(fault)
+    except ValueError:
+        raise SimulationError(f"unknown fault {fault!r}: one of "
+                              f"{', '.join(f.value for f in Fault)}") from None
+    if _simulator().qbsim_inject_fault(name, kind.value.encode()) != 0:
         raise SimulationError(f"{resource!r} is not a simulated resource")
 
 

@@ -23,6 +23,12 @@ Fixtures:
 - ``qbvisa_matrix``: slot 0 of that chassis, opened and initialised;
 - ``qbvisa_inject``: ``inject(fault, resource=None)`` arms a fault on the
   chassis (or on ``resource``).
+
+A "WriteFails" or "Vanish" fault that hits a switching call leaves the
+library's exchange lock held for the rest of the process: the package then
+refuses every later switching call with :class:`qbvisa.SendError` rather
+than hang. Arm those two before administration calls, or run such a test in
+a process of its own.
 """
 
 from __future__ import annotations
@@ -74,22 +80,20 @@ def pytest_configure(config: pytest.Config) -> None:
         "markers", "qbvisa_resource(name): chassis the qbvisa_chassis fixture connects to")
 
 
-def _marker_argument(request: pytest.FixtureRequest, name: str) -> Optional[Any]:
-    marker = request.node.get_closest_marker(name)
-    if marker is None:
-        return None
-    if len(marker.args) != 1:
+def _marker(request: pytest.FixtureRequest, name: str) -> Optional[pytest.Mark]:
+    marker: Optional[pytest.Mark] = request.node.get_closest_marker(name)
+    if marker is not None and len(marker.args) != 1:
         raise pytest.UsageError(f"@pytest.mark.{name} takes one argument")
-    return marker.args[0]
+    return marker
 
 
 @pytest.fixture
 def qbvisa_bench_source(request: pytest.FixtureRequest) -> BenchSource:
     """What the bench is loaded from; override it in a conftest.py to give
     a whole directory of tests one bench."""
-    marked = _marker_argument(request, "qbvisa_bench")
-    if marked is not None:
-        return marked  # type: ignore[no-any-return]
+    marker = _marker(request, "qbvisa_bench")
+    if marker is not None:  # None in the marker: the built-in bench
+        return marker.args[0]  # type: ignore[no-any-return]
     option = request.config.getoption("--qbvisa-bench")
     return str(option) if option else None
 
@@ -102,9 +106,9 @@ def qbvisa_bench(qbvisa_bench_source: BenchSource) -> SimulatedBench:
 
 @pytest.fixture
 def qbvisa_resource(request: pytest.FixtureRequest, qbvisa_bench: SimulatedBench) -> str:
-    marked = _marker_argument(request, "qbvisa_resource")
-    if marked is not None:
-        return str(marked)
+    marker = _marker(request, "qbvisa_resource")
+    if marker is not None:
+        return str(marker.args[0])
     names = qbvisa_bench.chassis_resources
     if not names:
         raise pytest.UsageError("the simulated bench describes no chassis")
