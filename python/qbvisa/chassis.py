@@ -169,8 +169,10 @@ def connect(resource: str) -> "Chassis":
         library = lib.library()
         try:
             library.QBVISA_Connect(name, ctypes.byref(session))
-        except errors.Error as exc:
-            exc.detail = f"no chassis at {resource!r}"
+        except errors.ChassisNotFoundError as exc:
+            known = ", ".join(f.resource for f in _found or []) or "none"
+            exc.detail = (f"no chassis at {resource!r} (discovery found: {known}; "
+                          "qbvisa.find(refresh=True) looks again)")
             raise
         buffer = ctypes.create_string_buffer(64)
         library.QBVISA_GetModelName(session.value, buffer, len(buffer))

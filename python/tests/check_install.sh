@@ -8,7 +8,7 @@ python=$1 source=$2 work=$3
 rm -rf "$work" && mkdir -p "$work"
 cp -r "$source/pyproject.toml" "$source/README.md" "$source/qbvisa" "$work/"
 mkdir "$work/src" && mv "$work/pyproject.toml" "$work/README.md" "$work/qbvisa" "$work/src/"
-"$python" -m pip install -q --no-index --no-build-isolation --no-deps --disable-pip-version-check \
+"$python" -m pip install -q --no-index --no-build-isolation --no-deps --no-cache-dir --disable-pip-version-check \
   --target "$work/target" "$work/src"
 test -f "$work/target/qbvisa/py.typed"
 cd "$work"
