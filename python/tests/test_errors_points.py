@@ -1,6 +1,8 @@
 """Error classes and texts, point texts and their bits in the switching array."""
 
 import ctypes
+import re
+from pathlib import Path
 
 import pytest
 
@@ -29,6 +31,13 @@ def test_texts_are_never_cut_in_the_library():
     buffer = ctypes.create_string_buffer(300)
     assert lib.library().QBVISA_ErrorCodeToMessage(-10030, buffer, 299) == 0
     assert buffer.value.decode() == full
+
+
+def test_every_call_of_the_c_headers_is_declared():
+    include = Path(__file__).resolve().parents[2] / "include"
+    text = "".join((include / h).read_text() for h in ("qbvisa.h", "qbvisa_ext.h"))
+    exported = set(re.findall(r"QBVISA_EXPORT[^;(]*?\b(QBVISA\w*)\s*\(", text))
+    assert exported == set(lib.SIGNATURES)
 
 
 def test_a_negative_status_raises_through_errcheck():
