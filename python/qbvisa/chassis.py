@@ -361,7 +361,8 @@ class Chassis:
         self._call("QBVISA_GetSN", values, count)
         return tuple(values)
 
-    def set_serial_number(self, serial: str, hardware: str, slot: int = 0) -> None:
+    def set_serial_number(self, serial: "str | int", hardware: "str | int",
+                          slot: int = 0) -> None:
         """Writes the eight-digit serial number and hardware number of the
         chassis (slot 0) or of the card at position ``slot`` (1..6)."""
         sn, hw = _text(str(serial), "serial number"), _text(str(hardware), "hardware number")
