@@ -373,7 +373,8 @@ class Chassis:
             self._call("QBVISA_SetCardSN", sn, hw, slot)
 
     def card_type(self, slot: int) -> str:
-        """Model name of the card in a slot."""
+        """Model name of the card in a slot (open the slot first: until then
+        the library knows of no card there)."""
         name = ctypes.create_string_buffer(64)
         self._call("QBVISA_GetCardType", _u32(slot, "slot", -10033), name)
         return name.value.decode("latin-1")
