@@ -38,6 +38,9 @@ def test_every_call_of_the_c_headers_is_declared():
     text = "".join((include / h).read_text() for h in ("qbvisa.h", "qbvisa_ext.h"))
     exported = set(re.findall(r"QBVISA_EXPORT[^;(]*?\b(QBVISA\w*)\s*\(", text))
     assert exported == set(lib.SIGNATURES)
+    sizes = [ctypes.sizeof(t) for t in (lib.ResourceEntry, lib.PointLocation,
+                                         lib.RelayPosition, lib.SlotInfo)]
+    assert sizes == [66, 12, 8, 32]
 
 
 def test_a_negative_status_raises_through_errcheck():
