@@ -5,7 +5,8 @@ set -euo pipefail
 packages=(cmake ninja-build g++ pkg-config
           libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev libcli11-dev libedit-dev
-          clang libclang-rt-14-dev valgrind python3)
+          clang libclang-rt-14-dev valgrind
+          python3 python3-pytest python3-setuptools python3-pip python3-wheel mypy)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
