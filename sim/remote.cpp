@@ -131,24 +131,33 @@ void RemoteRack::dropLocked() {
 std::optional<wire::Bytes> RemoteRack::call(const wire::Bytes &request, int waitMs,
                                             bool connect) {
   std::lock_guard lock(mutex_);
-  if (fd_ < 0 && (!connect || !connectLocked())) return std::nullopt;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
   wire::Writer framed;
   framed.u32(static_cast<uint32_t>(request.size()));
   framed.out().insert(framed.out().end(), request.begin(), request.end());
-  uint8_t header[4];
-  if (!sendAll(fd_, framed.out().data(), framed.out().size(), deadline) ||
-      !receiveAll(fd_, header, sizeof header, deadline)) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMs);
+  // A connection kept from earlier may lead to a server that has been
+  // restarted since: one that fails at once is replaced by a new one.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    const bool fresh = fd_ < 0;
+    if (fresh && (!connect || !connectLocked())) return std::nullopt;
+    uint8_t header[4];
+    bool ok = sendAll(fd_, framed.out().data(), framed.out().size(), deadline) &&
+              receiveAll(fd_, header, sizeof header, deadline);
+    uint32_t size = 0;
+    wire::Bytes reply;
+    if (ok) {
+      size = wire::Reader(header, sizeof header).u32();
+      ok = size <= wire::kMaxMessage;
+      if (ok) {
+        reply.resize(size);
+        ok = receiveAll(fd_, reply.data(), size, deadline);
+      }
+    }
+    if (ok) return reply;
     dropLocked();
-    return std::nullopt;
+    if (fresh || !connect || Clock::now() >= deadline) break;
   }
-  const uint32_t size = wire::Reader(header, sizeof header).u32();
-  wire::Bytes reply(size);
-  if (size > wire::kMaxMessage || !receiveAll(fd_, reply.data(), size, deadline)) {
-    dropLocked();
-    return std::nullopt;
-  }
-  return reply;
+  return std::nullopt;
 }
 
 ViStatus RemoteRack::visaCall(const wire::Writer &request, int waitMs, bool connect,
