@@ -131,6 +131,8 @@ int main(int argc, char **argv) {
   serve->add_option("--portmap-port", options.portMapperPort, "port mapper port (default 111)");
   serve->add_option("--vxi11-port", options.corePort, "VXI-11 core channel port (default: any)");
   serve->add_flag("--no-lan", noLan, "do not serve VXI-11");
+  serve->add_flag("--background", options.background,
+                  "return once the server listens; it goes on in the background");
 
   std::string resource, kind;
   bool json = false;

@@ -218,6 +218,20 @@ int serve(const Options &options) {
     if (unixBound) ::unlink(options.socketPath.c_str());
     return 1;
   }
+  if (options.background) {
+    // Everything listens already, so the command after this one finds the
+    // server; the server goes on in a child of its own session.
+    const pid_t child = ::fork();
+    if (child < 0) return 1;
+    if (child > 0) std::_Exit(0);
+    ::setsid();
+    const int null = ::open("/dev/null", O_RDWR);
+    if (null >= 0) {
+      ::dup2(null, STDIN_FILENO);
+      ::dup2(null, STDOUT_FILENO);
+      if (null > STDERR_FILENO) ::close(null);
+    }
+  }
 
   if (::pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return 1;
   struct sigaction action {};

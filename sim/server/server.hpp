@@ -15,6 +15,7 @@ struct Options {
   std::string listenAddress = "127.0.0.1";
   uint16_t portMapperPort = 111;
   uint16_t corePort = 0;       // 0: any free port (clients ask the port mapper)
+  bool background = false;     // return to the caller once clients can connect
 };
 
 // Runs until SIGINT, SIGTERM or a stop request; returns the exit status.
