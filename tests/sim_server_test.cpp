@@ -90,9 +90,11 @@ class SimServerTest : public ::testing::Test {
     return ok;
   }
 
-  // Ends the server as a user would (qbvisa-sim stop) and waits for it.
-  void stop() {
-    EXPECT_EQ(program("sim/qbvisa-sim", {"stop"}).status, 0);
+  // Ends the server as a user would (qbvisa-sim stop, or a signal) and
+  // waits for it.
+  void stop(int signal = 0) {
+    if (signal != 0) kill(pid_, signal);
+    else EXPECT_EQ(program("sim/qbvisa-sim", {"stop"}).status, 0);
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
@@ -160,7 +162,7 @@ TEST_F(SimServerTest, TheRackSurvivesARestartWithAStateFile) {
   ASSERT_EQ(QBVISA_Connect(kRK421.c_str(), &rk421), 0);
   ASSERT_EQ(QBVISA_SetControlMode(rk421, 0), 0);  // local
   const std::string before = program("sim/qbvisa-sim", {"relays", kRK420, "--json"}).out;
-  stop();
+  stop(SIGTERM);
   EXPECT_THAT(std::ifstream(state).good(), true);
   EXPECT_FALSE(fs::exists(state + ".tmp"));
 
@@ -171,6 +173,7 @@ TEST_F(SimServerTest, TheRackSurvivesARestartWithAStateFile) {
   EXPECT_EQ(program("sim/qbvisa-sim", {"reset", kRK420}).status, 0);
   EXPECT_THAT(program("sim/qbvisa-sim", {"relays", kRK420}).out, HasSubstr(": 0 relays closed"));
   EXPECT_THAT(program("sim/qbvisa-sim", {"state", "--json"}).out, HasSubstr("\"controlMode\": 0"));
+  stop();
 }
 
 TEST_F(SimServerTest, AServerThatIsGoneGivesAVisaErrorWithinTheTimeOut) {

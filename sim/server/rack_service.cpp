@@ -74,7 +74,8 @@ bool nextRpcRecord(Bytes &buffer, Bytes &record) {
     if (buffer.size() - at < 4) return true;
     const uint32_t mark = wire::Reader(buffer.data() + at, 4, true).u32();
     const size_t length = mark & 0x7FFFFFFFu;
-    total += length;
+    // Headers count too: endless empty fragments must not grow the buffer.
+    total += 4 + length;
     if (total > kMaxRecord) return false;
     if (buffer.size() - at - 4 < length) return true;
     at += 4 + length;
@@ -86,8 +87,7 @@ bool nextRpcRecord(Bytes &buffer, Bytes &record) {
     pos += 4 + length;
   }
   buffer.erase(buffer.begin(), buffer.begin() + at);
-  // An empty record is legal but carries no call; keep `record` non-empty
-  // only for something to answer.
+  // A record of empty fragments carries no call: nothing to answer.
   return true;
 }
 
