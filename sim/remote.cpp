@@ -128,8 +128,7 @@ void RemoteRack::dropLocked() {
   ++generation_;
 }
 
-std::optional<wire::Bytes> RemoteRack::call(const wire::Bytes &request, int waitMs,
-                                            bool connect) {
+std::optional<wire::Bytes> RemoteRack::call(const wire::Bytes &request, int waitMs, bool connect) {
   std::lock_guard lock(mutex_);
   wire::Writer framed;
   framed.u32(static_cast<uint32_t>(request.size()));
@@ -197,8 +196,7 @@ ViStatus RemoteRack::openDefaultRM(ViSession *vi) {
     request.u8(static_cast<uint8_t>(Op::OpenDefaultRM));
     wire::Bytes reply;
     // A server that cannot be reached is a system that cannot open VISA.
-    const ViStatus status =
-        visaCall(request, kDefaultWaitMs, true, reply, VI_ERROR_SYSTEM_ERROR);
+    const ViStatus status = visaCall(request, kDefaultWaitMs, true, reply, VI_ERROR_SYSTEM_ERROR);
     if (status < 0) return status;
     wire::Reader in(reply.data(), reply.size());
     in.i32();

@@ -56,7 +56,7 @@ std::string Reader::text(size_t limit) {
 }
 
 void Reader::skipAuth() {
-  u32();  // flavour
+  u32();       // flavour
   bytes(400);  // an RPC credential body is at most 400 bytes
 }
 

@@ -93,8 +93,10 @@ class SimServerTest : public ::testing::Test {
   // Ends the server as a user would (qbvisa-sim stop, or a signal) and
   // waits for it.
   void stop(int signal = 0) {
-    if (signal != 0) kill(pid_, signal);
-    else EXPECT_EQ(program("sim/qbvisa-sim", {"stop"}).status, 0);
+    if (signal != 0)
+      kill(pid_, signal);
+    else
+      EXPECT_EQ(program("sim/qbvisa-sim", {"stop"}).status, 0);
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
@@ -290,7 +292,8 @@ TEST_F(SimServerTest, EachProcessReadsTheReplyToItsOwnRequest) {
     ASSERT_GE(children[k], 0);
     if (children[k] != 0) continue;
     ViSession manager = 0, vi = 0;
-    if (viOpenDefaultRM(&manager) != VI_SUCCESS || viOpen(manager, kRK420.c_str(), 0, 0, &vi) != VI_SUCCESS)
+    if (viOpenDefaultRM(&manager) != VI_SUCCESS ||
+        viOpen(manager, kRK420.c_str(), 0, 0, &vi) != VI_SUCCESS)
       _exit(100);
     int wrong = 0;
     for (int i = 0; i < 300; ++i) {
@@ -301,7 +304,8 @@ TEST_F(SimServerTest, EachProcessReadsTheReplyToItsOwnRequest) {
       if (viRead(vi, reply, sizeof reply, &count) != VI_SUCCESS) ++wrong;
       // "*IDN?" is answered in text, the identity request with the serial
       // number's first byte (20420001 = 0x0137_8BA1).
-      else if (k == 0 ? std::memcmp(reply, "QB ,RK420", 9) != 0 : reply[0] != 0x01) ++wrong;
+      else if (k == 0 ? std::memcmp(reply, "QB ,RK420", 9) != 0 : reply[0] != 0x01)
+        ++wrong;
     }
     _exit(wrong > 0 ? 1 : 0);
   }

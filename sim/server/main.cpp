@@ -70,18 +70,15 @@ int showRelays(const std::string &socket, const std::string &resource, bool json
     closed.push_back({{"board", board}, {"group", group}, {"bit", bit}});
   }
   if (json) {
-    nlohmann::ordered_json out = {{"resource", resource},
-                                  {"boards", boards},
-                                  {"groupsPerBoard", groups},
-                                  {"closed", closed}};
+    nlohmann::ordered_json out = {
+        {"resource", resource}, {"boards", boards}, {"groupsPerBoard", groups}, {"closed", closed}};
     std::cout << out.dump() << "\n";
     return 0;
   }
   std::cout << resource << ": " << closed.size() << " relay" << (closed.size() == 1 ? "" : "s")
             << " closed (" << boards << " boards of " << groups << " bit groups)\n";
   for (const auto &r : closed)
-    std::cout << "  board " << r["board"] << " group " << r["group"] << " bit " << r["bit"]
-              << "\n";
+    std::cout << "  board " << r["board"] << " group " << r["group"] << " bit " << r["bit"] << "\n";
   return 0;
 }
 
@@ -98,10 +95,9 @@ int showState(const std::string &socket, bool json) {
     std::cout << r["name"].get<std::string>() << "  " << r.value("kind", "chassis");
     if (r.contains("chassis")) {
       const auto &c = r["chassis"];
-      std::cout << " " << c["model"].get<std::string>() << "  serial " << c["serial"]
-                << "  " << (c["controlMode"] == 0 ? "local" : "remote") << "  "
-                << (c.contains("closedRelays") ? c["closedRelays"].size() : 0)
-                << " relays closed";
+      std::cout << " " << c["model"].get<std::string>() << "  serial " << c["serial"] << "  "
+                << (c["controlMode"] == 0 ? "local" : "remote") << "  "
+                << (c.contains("closedRelays") ? c["closedRelays"].size() : 0) << " relays closed";
     }
     std::cout << "\n";
   }
@@ -111,15 +107,16 @@ int showState(const std::string &socket, bool json) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"qbvisa-sim: one simulated rack shared by every process, also a VXI-11 LAN "
-               "instrument.\nStart it with `serve`, then set QBSIM_SERVER to its socket: the "
-               "simulated libvisa.so of every process (the qbvisa tool, tests, bindings) then "
-               "uses that rack."};
+  CLI::App app{
+      "qbvisa-sim: one simulated rack shared by every process, also a VXI-11 LAN "
+      "instrument.\nStart it with `serve`, then set QBSIM_SERVER to its socket: the "
+      "simulated libvisa.so of every process (the qbvisa tool, tests, bindings) then "
+      "uses that rack."};
   app.require_subcommand(1);
   app.fallthrough();  // --socket also after the command
   std::string socket = defaultSocket();
-  app.add_option("--socket", socket, "the server's Unix socket (default: $QBSIM_SERVER, else " +
-                                         defaultSocket() + ")");
+  app.add_option("--socket", socket,
+                 "the server's Unix socket (default: $QBSIM_SERVER, else " + defaultSocket() + ")");
 
   qbsim::server::Options options;
   bool noLan = false;
@@ -169,8 +166,9 @@ int main(int argc, char **argv) {
   if (reset->parsed()) {
     auto w = resource.empty() ? request(Op::Reset) : request(Op::ResetResource).text(resource);
     return ask(socket, w, reply, "cannot reset " + (resource.empty() ? "the rack" : resource)) ? 0
-                                                                                              : 1;
+                                                                                               : 1;
   }
-  if (stop->parsed()) return ask(socket, request(Op::Stop), reply, "cannot stop the server") ? 0 : 1;
+  if (stop->parsed())
+    return ask(socket, request(Op::Stop), reply, "cannot stop the server") ? 0 : 1;
   return 2;
 }

@@ -34,8 +34,7 @@ constexpr int32_t kFlagEnd = 8, kFlagTermChar = 0x80;
 constexpr size_t kMostLinks = 64;
 
 bool sameName(const std::string &a, const std::string &b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
                   std::tolower(static_cast<unsigned char>(y));
          });
@@ -138,7 +137,8 @@ std::optional<Bytes> RackService::visaRequest(ClientState &client, uint8_t op, w
       const std::string name = in.text(4096);
       if (!in.atEnd()) return std::nullopt;
       ViSession vi = VI_NULL;
-      const ViStatus s = own(manager) ? local::open(manager, name.c_str(), &vi) : VI_ERROR_INV_OBJECT;
+      const ViStatus s =
+          own(manager) ? local::open(manager, name.c_str(), &vi) : VI_ERROR_INV_OBJECT;
       if (s >= 0) client.objects.insert(vi);
       out.i32(s).u32(vi);
       break;
@@ -156,8 +156,9 @@ std::optional<Bytes> RackService::visaRequest(ClientState &client, uint8_t op, w
       const Bytes bytes = in.bytes();
       if (!in.atEnd()) return std::nullopt;
       ViUInt32 count = 0;
-      const ViStatus s = own(vi) ? local::write(vi, bytes.data(), static_cast<ViUInt32>(bytes.size()), &count)
-                                 : VI_ERROR_INV_OBJECT;
+      const ViStatus s =
+          own(vi) ? local::write(vi, bytes.data(), static_cast<ViUInt32>(bytes.size()), &count)
+                  : VI_ERROR_INV_OBJECT;
       out.i32(s).u32(count);
       break;
     }
@@ -167,7 +168,8 @@ std::optional<Bytes> RackService::visaRequest(ClientState &client, uint8_t op, w
       if (!in.atEnd() || wanted > wire::kMaxMessage / 2) return std::nullopt;
       Bytes buffer(wanted);
       ViUInt32 count = 0;
-      const ViStatus s = own(vi) ? local::read(vi, buffer.data(), wanted, &count) : VI_ERROR_INV_OBJECT;
+      const ViStatus s =
+          own(vi) ? local::read(vi, buffer.data(), wanted, &count) : VI_ERROR_INV_OBJECT;
       out.i32(s).bytes(buffer.data(), std::min<size_t>(count, wanted));
       break;
     }
@@ -291,9 +293,10 @@ std::optional<std::string> chassisForDevice(const std::string &device) {
     return std::nullopt;
   }
   size_t index = 0;
-  const bool numbered = device.size() > 4 && device.size() <= 8 && sameName(device.substr(0, 4), "inst") &&
-                        std::all_of(device.begin() + 4, device.end(),
-                                    [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+  const bool numbered =
+      device.size() > 4 && device.size() <= 8 && sameName(device.substr(0, 4), "inst") &&
+      std::all_of(device.begin() + 4, device.end(),
+                  [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
   const size_t wanted = numbered ? std::stoul(device.substr(4)) : 0;
   for (const Resource &r : bench.resources) {
     if (r.kind != ResourceKind::Chassis) continue;
@@ -338,10 +341,10 @@ bool RackService::vxi11(ClientState &client, uint32_t procedure, wire::Reader &i
   };
   switch (procedure) {
     case 0: return in.atEnd();  // NULL
-    case 10: {  // create_link
-      in.i32();  // client id
-      in.u32();  // lock device
-      in.u32();  // lock time-out
+    case 10: {  // create_link: client id, lock device, lock time-out, device
+      in.i32();
+      in.u32();
+      in.u32();
       const std::string device = in.text(256);
       if (!in.atEnd()) return false;
       int32_t link = 0;
@@ -415,7 +418,10 @@ bool RackService::vxi11(ClientState &client, uint32_t procedure, wire::Reader &i
       out.i32(linkOf(id) ? kNoError : kInvalidLink).u32(0);
       return true;
     }
-    case 14: case 15: case 16: case 17: {  // trigger, clear, remote, local
+    case 14:
+    case 15:
+    case 16:
+    case 17: {  // trigger, clear, remote, local
       const int32_t id = in.i32();
       in.i32();
       in.u32();
@@ -429,7 +435,8 @@ bool RackService::vxi11(ClientState &client, uint32_t procedure, wire::Reader &i
       out.i32(link ? kNoError : kInvalidLink);
       return true;
     }
-    case 18: case 19: {  // device_lock, device_unlock
+    case 18:
+    case 19: {  // device_lock, device_unlock
       const int32_t id = in.i32();
       if (procedure == 18) {
         in.i32();
@@ -473,7 +480,8 @@ bool RackService::vxi11(ClientState &client, uint32_t procedure, wire::Reader &i
       out.i32(kNoError);
       return true;
     }
-    case 25: case 26:  // create_intr_chan, destroy_intr_chan
+    case 25:
+    case 26:  // create_intr_chan, destroy_intr_chan
       out.i32(kNotSupported);
       return true;
     default: return false;
@@ -521,8 +529,8 @@ std::optional<Bytes> RackService::rpc(ClientState &client, const uint8_t *data, 
         out.out().resize(statusAt);
         out.u32(kGarbageArgs);
       } else {
-        const bool core = wantedProgram == kVxi11CoreProgram && wantedVersion == 1 &&
-                          protocol == kIpProtoTcp;
+        const bool core =
+            wantedProgram == kVxi11CoreProgram && wantedVersion == 1 && protocol == kIpProtoTcp;
         out.u32(core ? corePort_ : 0);
       }
     } else if (procedure == 4) {  // DUMP: the one program served

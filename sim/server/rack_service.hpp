@@ -19,7 +19,7 @@ namespace qbsim::server {
 using wire::Bytes;
 
 // ONC RPC program numbers.
-constexpr uint32_t kPortMapperProgram = 100000;  // version 2
+constexpr uint32_t kPortMapperProgram = 100000;   // version 2
 constexpr uint32_t kVxi11CoreProgram = 0x0607AF;  // version 1
 // Largest RPC record (all fragments) a client may send.
 constexpr size_t kMaxRecord = 1u << 20;
@@ -28,7 +28,7 @@ constexpr uint32_t kMaxReceive = 1u << 16;
 
 // What one connection opened; everything is closed when it ends.
 struct ClientState {
-  std::set<ViObject> objects;  // control protocol: managers, sessions, lists
+  std::set<ViObject> objects;   // control protocol: managers, sessions, lists
   ViSession manager = VI_NULL;  // VXI-11: the manager its links open through
   struct Link {
     ViSession session;

@@ -145,8 +145,8 @@ void saveRack(const std::string &path) {
 void handleInput(RackService &service, Connection &c) {
   Bytes message;
   for (;;) {
-    const bool valid = c.kind == Kind::Control ? nextControlMessage(c.in, message)
-                                               : nextRpcRecord(c.in, message);
+    const bool valid =
+        c.kind == Kind::Control ? nextControlMessage(c.in, message) : nextRpcRecord(c.in, message);
     if (!valid) {
       c.closing = true;
       c.in.clear();
