@@ -303,7 +303,7 @@ TEST_F(SimServerTest, EachProcessReadsTheReplyToItsOwnRequest) {
               static_cast<ViUInt32>(requests[k].size()), &count);
       if (viRead(vi, reply, sizeof reply, &count) != VI_SUCCESS) ++wrong;
       // "*IDN?" is answered in text, the identity request with the serial
-      // number's first byte (20420001 = 0x0137_8BA1).
+      // number's first byte (20420001 = 0x0137_95A1).
       else if (k == 0 ? std::memcmp(reply, "QB ,RK420", 9) != 0 : reply[0] != 0x01)
         ++wrong;
     }
