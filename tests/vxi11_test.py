@@ -118,9 +118,17 @@ class Vxi11Test(unittest.TestCase):
             # GETPORT of the core channel answers a port; of anything else 0.
             body = rpc_call(sock, 100000, 2, 3, struct.pack(">IIII", 0x0607AF, 1, 6, 0))
             self.assertNotEqual(struct.unpack(">I", body[24:28])[0], 0)
+            core = struct.unpack(">I", body[24:28])[0]
             sock.sendall(struct.pack(">I", 0x7FFFFFFF) + b"x" * 64)
             self.assertIn(sock.recv(4), (b"",))
         self.assertIn("RK420", self.open("inst0").query("*IDN?"))
+        # The port mapper also answers over UDP.
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
+            udp.settimeout(2)
+            call = struct.pack(">IIIIII", 9, 0, 2, 100000, 2, 3) + bytes(16)
+            udp.sendto(call + struct.pack(">IIII", 0x0607AF, 1, 6, 0), ("127.0.0.1", 111))
+            reply = udp.recv(100)
+            self.assertEqual(struct.unpack(">IIIIIII", reply[:28]), (9, 1, 0, 0, 0, 0, core))
 
 
 if __name__ == "__main__":

@@ -50,7 +50,9 @@ struct Fd {
   }
 };
 
-enum class Kind { Control, Rpc };
+// Rpc: TCP with record marking; Datagram: UDP, one call per datagram (the
+// port mapper's other transport).
+enum class Kind { Control, Rpc, Datagram };
 
 struct Listener {
   Fd fd;
@@ -109,6 +111,37 @@ Fd tcpListener(const std::string &host, uint16_t port, uint16_t &bound) {
   bound = ntohs(address.sin_port);
   setNonBlocking(fd.fd);
   return fd;
+}
+
+Fd udpSocket(const std::string &host, uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  if (::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1)
+    throw std::runtime_error("not an IPv4 address: " + host);
+  Fd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  errno = 0;
+  if (::bind(fd.fd, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+    fail("cannot bind UDP " + host + ":" + std::to_string(port));
+  return fd;
+}
+
+// Answers one datagram: port mapper calls only (a VXI-11 link needs TCP).
+void answerDatagram(RackService &service, int fd) {
+  uint8_t buffer[9000];
+  sockaddr_in from{};
+  socklen_t size = sizeof from;
+  const ssize_t n = ::recvfrom(fd, buffer, sizeof buffer, MSG_DONTWAIT,
+                               reinterpret_cast<sockaddr *>(&from), &size);
+  if (n < 28) return;
+  const uint32_t program = wire::Reader(buffer + 12, 4, true).u32();
+  if (program != kPortMapperProgram) return;
+  ClientState once;
+  const auto reply = service.rpc(once, buffer, static_cast<size_t>(n));
+  service.disconnect(once);
+  if (reply)
+    ::sendto(fd, reply->data(), reply->size(), MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
+             size);
 }
 
 // The rack to start with: a saved state, else a bench file, else the
@@ -203,7 +236,8 @@ int serve(const Options &options) {
       try {
         listeners.push_back(
             {tcpListener(options.listenAddress, options.portMapperPort, mapper), Kind::Rpc});
-        lan += ", port mapper on port " + std::to_string(mapper);
+        listeners.push_back({udpSocket(options.listenAddress, mapper), Kind::Datagram});
+        lan += ", port mapper on port " + std::to_string(mapper) + " (TCP and UDP)";
       } catch (const std::exception &e) {
         // Without the port mapper (port 111 needs privileges, or another
         // one runs) a LAN client cannot find the core channel.
@@ -256,6 +290,10 @@ int serve(const Options &options) {
     if (polled[0].revents != 0) break;
     for (size_t i = 0; i < listeners.size(); ++i) {
       if ((polled[1 + i].revents & POLLIN) == 0) continue;
+      if (listeners[i].kind == Kind::Datagram) {
+        answerDatagram(service, listeners[i].fd.fd);
+        continue;
+      }
       Fd fd(::accept4(listeners[i].fd.fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (fd.fd < 0 || connections.size() >= kMostConnections) continue;
       connections.push_back(Connection{std::move(fd), listeners[i].kind, {}, {}, {}, false});
