@@ -122,6 +122,13 @@ class Vxi11Test(unittest.TestCase):
             sock.sendall(struct.pack(">I", 0x7FFFFFFF) + b"x" * 64)
             self.assertIn(sock.recv(4), (b"",))
         self.assertIn("RK420", self.open("inst0").query("*IDN?"))
+        # A device may also be named by its resource name, in any case.
+        with socket.create_connection(("127.0.0.1", core), timeout=2) as sock:
+            for device, error in [("gpib0::5::instr", 0), ("GPIB0::9::INSTR", 3), ("inst", 3)]:
+                name = device.encode()
+                args = struct.pack(">iII", 1, 0, 0) + struct.pack(">I", len(name)) + name
+                body = rpc_call(sock, 0x0607AF, 1, 10, args + bytes(-len(name) % 4))
+                self.assertEqual(struct.unpack(">i", body[24:28])[0], error, device)
         # The port mapper also answers over UDP.
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
             udp.settimeout(2)
