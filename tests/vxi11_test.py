@@ -108,7 +108,8 @@ class Vxi11Test(unittest.TestCase):
     def test_bad_calls_get_rpc_errors_and_oversized_records_close(self):
         with socket.create_connection(("127.0.0.1", 111), timeout=2) as sock:
             # accept_stat after xid, REPLY, MSG_ACCEPTED and an empty verifier
-            cases = [((123456, 1, 0), 1),       # PROG_UNAVAIL
+            cases = [((0x0607AF, 1, 0), 0),     # NULL of the core channel: SUCCESS
+                     ((123456, 1, 0), 1),       # PROG_UNAVAIL
                      ((100000, 3, 3), 2),       # PROG_MISMATCH
                      ((100000, 2, 9), 3),       # PROC_UNAVAIL
                      ((0x0607AF, 1, 11), 4)]    # GARBAGE_ARGS: no arguments
