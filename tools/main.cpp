@@ -43,9 +43,12 @@ Switching state
   On the simulated bench the tool reads the closed relays back from the
   chassis. A chassis behind a vendor's VISA cannot report its relays: the tool
   then starts from what it switched in this process, and crosspoints it did
-  not switch are opened. The simulated bench lives inside the process, so its
-  chassis start with every relay open in each call. To build a state step by
-  step, run the steps in one process with `batch`. close, release, switch,
+  not switch are opened. On its own the simulated bench lives inside the
+  process, so its chassis start with every relay open in each call: either
+  run the steps in one process with `batch`, or start a shared rack
+  (`qbvisa-sim serve --background --socket PATH`, then QBSIM_SERVER=PATH in
+  the environment), which keeps its state across calls and processes
+  until `qbvisa-sim stop`. close, release, switch,
   clear and show do not initialise the chassis; `open` does, and that opens
   every relay of the slot.
 
