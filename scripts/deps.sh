@@ -6,7 +6,8 @@ packages=(cmake ninja-build g++ pkg-config
           libgtest-dev libgmock-dev libbenchmark-dev
           nlohmann-json3-dev libcli11-dev libedit-dev
           clang libclang-rt-14-dev valgrind
-          python3 python3-pytest python3-setuptools python3-pip python3-wheel mypy)
+          python3 python3-pytest python3-setuptools python3-pip python3-wheel mypy
+          python3-pyvisa python3-pyvisa-py iproute2 util-linux)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -16,7 +16,11 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
+// Version 2 adds the live relay state ("closedRelays", "groupsPerBoard") that
+// a rack server saves; a bench without closed relays is still written as
+// version 1, which older readers take.
 constexpr int kBenchFileVersion = 1;
+constexpr int kRelayStateVersion = 2;
 
 constexpr Model kModels[] = {Model::RK420, Model::RK420B, Model::RK421,
                              Model::RK422, Model::RK423,  Model::RK423B};
@@ -87,7 +91,7 @@ Model modelFrom(const json &value, const std::string &where) {
   fail(where, "unknown model (expected RK420, RK420B, RK421, RK422, RK423 or RK423B)");
 }
 
-ChassisConfig chassisFrom(const json &object, const std::string &where) {
+ChassisConfig chassisFrom(const json &object, const std::string &where, int version) {
   if (!object.is_object()) fail(where, "expected an object");
   ChassisConfig c;
   for (const auto &[key, value] : object.items()) {
@@ -138,6 +142,17 @@ ChassisConfig chassisFrom(const json &object, const std::string &where) {
     else if (key == "boardInPlace") c.boardInPlace = fourFlags(value, at);
     else if (key == "spiLoop") c.spiLoop = fourFlags(value, at);
     else if (key == "rejectUpdate") c.rejectUpdate = flag(value, at);
+    else if (key == "closedRelays" && version >= kRelayStateVersion) {
+      if (!value.is_array()) fail(at, "expected a list of [board, group, bit]");
+      for (const auto &relay : value) {
+        if (!relay.is_array() || relay.size() != 3) fail(at, "expected [board, group, bit]");
+        Relay r{integer<uint16_t>(relay[0], at), integer<uint16_t>(relay[1], at),
+                integer<uint8_t>(relay[2], at)};
+        if (r.bit > 15) fail(at, "a bit group has bits 0..15");
+        c.closedRelays.push_back(r);
+      }
+    } else if (key == "groupsPerBoard" && version >= kRelayStateVersion)
+      c.groupsPerBoard = integer<uint16_t>(value, at);
     else fail(at, "unknown field");
   }
   if (c.cards.size() > static_cast<size_t>(slotCount(c.model)))
@@ -177,10 +192,16 @@ json chassisJson(const ChassisConfig &c) {
       {"rejectUpdate", c.rejectUpdate},
   };
   if (c.presenceMaskSet) out["presenceMask"] = c.presenceMask;
+  if (!c.closedRelays.empty()) {
+    json relays = json::array();
+    for (const Relay &r : c.closedRelays) relays.push_back({r.board, r.group, r.bit});
+    out["closedRelays"] = relays;
+  }
+  if (c.groupsPerBoard > 0) out["groupsPerBoard"] = c.groupsPerBoard;
   return out;
 }
 
-Resource resourceFrom(const json &object, size_t index) {
+Resource resourceFrom(const json &object, size_t index, int version) {
   const std::string where = "resources[" + std::to_string(index) + "]";
   if (!object.is_object()) fail(where, "expected an object");
   Resource r;
@@ -195,7 +216,7 @@ Resource resourceFrom(const json &object, size_t index) {
       else if (kind == "foreign") r.kind = ResourceKind::Foreign;
       else if (kind == "silent") r.kind = ResourceKind::Silent;
       else fail(at + ".kind", "expected chassis, foreign or silent");
-    } else if (key == "chassis") r.chassis = chassisFrom(value, at + ".chassis");
+    } else if (key == "chassis") r.chassis = chassisFrom(value, at + ".chassis", version);
     else if (key == "idn") r.idn = text(value, at + ".idn");
     else fail(at + "." + key, "unknown field");
   }
@@ -364,24 +385,34 @@ Bench parseBench(const std::string &document) {
   }
   if (!root.is_object()) fail("top level", "expected an object");
   if (!root.contains("version")) fail("top level", "missing \"version\"");
-  if (!root["version"].is_number_integer() || root["version"].get<int64_t>() != kBenchFileVersion)
-    fail("version", "unsupported bench file version " + root["version"].dump() +
-                        " (this bench reads version " + std::to_string(kBenchFileVersion) + ")");
+  const json &versionField = root["version"];
+  if (!versionField.is_number_integer() || versionField.get<int64_t>() < kBenchFileVersion ||
+      versionField.get<int64_t>() > kRelayStateVersion)
+    fail("version", "unsupported bench file version " + versionField.dump() +
+                        " (this bench reads versions " + std::to_string(kBenchFileVersion) +
+                        " and " + std::to_string(kRelayStateVersion) + ")");
+  const int version = static_cast<int>(versionField.get<int64_t>());
   Bench bench;
   for (const auto &[key, value] : root.items()) {
     if (key == "version") continue;
     if (key != "resources") fail(key, "unknown field");
     if (!value.is_array()) fail("resources", "expected a list");
-    for (size_t i = 0; i < value.size(); ++i) bench.resources.push_back(resourceFrom(value[i], i));
+    for (size_t i = 0; i < value.size(); ++i) bench.resources.push_back(resourceFrom(value[i], i, version));
   }
   return bench;
 }
 
 std::string benchToJson(const Bench &bench) {
   json resources = json::array();
-  for (const auto &r : bench.resources) resources.push_back(resourceJson(r));
+  int version = kBenchFileVersion;
+  for (const auto &r : bench.resources) {
+    resources.push_back(resourceJson(r));
+    if (r.kind == ResourceKind::Chassis &&
+        (!r.chassis.closedRelays.empty() || r.chassis.groupsPerBoard > 0))
+      version = kRelayStateVersion;
+  }
   std::string out;
-  writePretty(out, json{{"version", kBenchFileVersion}, {"resources", resources}}, 0);
+  writePretty(out, json{{"version", version}, {"resources", resources}}, 0);
   return out + "\n";
 }
 

@@ -91,6 +91,12 @@ int nominalGroupsPerBoard(const ChassisConfig &config) {
 ChassisFirmware::ChassisFirmware(ChassisConfig config)
     : state_(std::move(config)), groupsPerBoard_(nominalGroupsPerBoard(state_)) {
   state_.cards.resize(static_cast<size_t>(slotCount(state_.model)));
+  // Relays restored from a saved rack: the live list is the only copy.
+  closed_ = std::move(state_.closedRelays);
+  state_.closedRelays.clear();
+  std::sort(closed_.begin(), closed_.end());
+  if (state_.groupsPerBoard > 0) groupsPerBoard_ = state_.groupsPerBoard;
+  state_.groupsPerBoard = 0;
 }
 
 bool ChassisFirmware::Request::word(size_t index, uint16_t &out) const {

@@ -140,15 +140,15 @@ bool Runtime::loadLocked() {
       loadError_ = e.what();
       std::fprintf(stderr, "qbsim: %s\n", loadError_.c_str());
     }
-    buildLocked(bench);
+    buildLocked(bench, bench);
   }
   return loadError_.empty();
 }
 
-void Runtime::buildLocked(const Bench &bench) {
-  bench_ = bench;
+void Runtime::buildLocked(const Bench &bench, const Bench &described) {
+  bench_ = described;
   instruments_.clear();
-  for (const auto &r : bench_.resources) instruments_.push_back(std::make_shared<Instrument>(r));
+  for (const auto &r : bench.resources) instruments_.push_back(std::make_shared<Instrument>(r));
   objects_.clear();
 }
 
@@ -252,11 +252,49 @@ const Bench &Runtime::bench() {
   return bench_;
 }
 
-void Runtime::replace(const Bench &bench) {
+void Runtime::replace(const Bench &bench) { replace(bench, bench); }
+
+void Runtime::replace(const Bench &live, const Bench &described) {
+  if (live.resources.size() != described.resources.size())
+    throw std::invalid_argument("qbsim: live and described benches differ");
   std::lock_guard lock(mutex_);
   loaded_ = true;
   loadError_.clear();
-  buildLocked(bench);
+  buildLocked(live, described);
+}
+
+Bench Runtime::liveBench() {
+  std::lock_guard lock(mutex_);
+  if (!loadLocked()) throw std::runtime_error(loadError_);
+  Bench out = bench_;
+  for (size_t i = 0; i < instruments_.size(); ++i) {
+    Instrument &instrument = *instruments_[i];
+    std::lock_guard instrumentLock(instrument.mutex());
+    const ChassisFirmware *firmware = instrument.firmware();
+    if (firmware == nullptr) continue;
+    ChassisConfig &config = out.resources[i].chassis;
+    config = firmware->state();
+    config.closedRelays = firmware->closedRelays();
+    config.groupsPerBoard = firmware->groupsPerBoard() != nominalGroupsPerBoard(config)
+                                ? firmware->groupsPerBoard()
+                                : 0;
+  }
+  return out;
+}
+
+void Runtime::resetInstrument(const std::string &name) {
+  std::lock_guard lock(mutex_);
+  if (!loadLocked()) throw std::runtime_error(loadError_);
+  for (size_t i = 0; i < instruments_.size(); ++i) {
+    if (!sameName(instruments_[i]->name(), name)) continue;
+    const std::shared_ptr<Instrument> old = instruments_[i];
+    std::erase_if(objects_, [&old](const auto &entry) {
+      return entry.second.session && entry.second.session->instrument == old;
+    });
+    instruments_[i] = std::make_shared<Instrument>(bench_.resources[i]);
+    return;
+  }
+  throw std::out_of_range("qbsim: no resource named " + name);
 }
 
 std::shared_ptr<Instrument> Runtime::instrument(const std::string &name) {

@@ -30,6 +30,9 @@ constexpr ViStatus kErrorUserBuffer = static_cast<ViStatus>(0xBFFF0071u);
 
 class Instrument;
 
+// The fault a control request names ("WriteFails", ...), if any.
+std::optional<Fault> faultNamed(const std::string &name);
+
 struct Session {
   std::shared_ptr<Instrument> instrument;
   uint32_t baudRate = 9600;
@@ -91,6 +94,14 @@ class Runtime {
 
   const Bench &bench();  // throws when $QBSIM_BENCH cannot be loaded
   void replace(const Bench &bench);
+  // Instruments built from `live` (a saved rack, relays and all) while
+  // `described` is what a reset goes back to.
+  void replace(const Bench &live, const Bench &described);
+  // The bench with every chassis's present settings and closed relays.
+  Bench liveBench();
+  // Rebuilds one instrument from its description; its sessions end.
+  // Throws std::out_of_range when there is no such resource.
+  void resetInstrument(const std::string &name);
   // Throws std::out_of_range when the bench has no such resource.
   std::shared_ptr<Instrument> instrument(const std::string &name);
 
@@ -106,7 +117,7 @@ class Runtime {
   };
 
   bool loadLocked();  // false when the bench file named by $QBSIM_BENCH is bad
-  void buildLocked(const Bench &bench);
+  void buildLocked(const Bench &bench, const Bench &described);
   ViObject newIdLocked();
 
   std::mutex mutex_;

@@ -1,131 +1,65 @@
-// visa.cpp - the VISA entry points of the simulated bench. Every call catches
-// whatever the C++ side throws: nothing may unwind into a C caller.
-#include <cstring>
-#include <new>
-
-#include "runtime.hpp"
+// visa.cpp - the VISA entry points of the simulated libvisa.so. With
+// $QBSIM_SERVER naming a rack server's socket every call goes to that server
+// (one rack shared by every process); otherwise this process simulates its
+// own bench.
+#include "local_visa.hpp"
+#include "remote.hpp"
 
 #define QBSIM_VISA_EXPORT __attribute__((visibility("default")))
 
-using qbsim::detail::Instrument;
-using qbsim::detail::Runtime;
-using qbsim::detail::Session;
-
-namespace {
-
-template <typename Body>
-ViStatus guarded(Body body) noexcept {
-  try {
-    return body();
-  } catch (const std::bad_alloc &) {
-    return VI_ERROR_ALLOC;
-  } catch (...) {
-    return VI_ERROR_SYSTEM_ERROR;
-  }
-}
-
-// Runs `body(instrument, session)` under the instrument's lock.
-template <typename Body>
-ViStatus onSession(ViSession vi, Body body) noexcept {
-  return guarded([&]() -> ViStatus {
-    const std::shared_ptr<Session> session = Runtime::instance().session(vi);
-    if (!session) return VI_ERROR_INV_OBJECT;
-    Instrument &instrument = *session->instrument;
-    std::lock_guard lock(instrument.mutex());
-    return body(instrument, *session);
-  });
-}
-
-bool standardRate(ViAttrState rate) {
-  static constexpr ViAttrState kRates[] = {300,   600,   1200,  2400,   4800,   9600,   14400,
-                                           19200, 28800, 38400, 57600, 115200, 230400, 460800,
-                                           921600};
-  for (const ViAttrState r : kRates)
-    if (r == rate) return true;
-  return false;
-}
-
-constexpr ViAttrState kLastEndInMode = 3;  // VI_ASRL_END_BREAK
-
-}  // namespace
+using qbsim::detail::RemoteRack;
+namespace local = qbsim::detail::local;
 
 extern "C" {
 
 QBSIM_VISA_EXPORT ViStatus viOpenDefaultRM(ViSession *vi) {
-  return guarded([&] { return Runtime::instance().openDefaultRM(vi); });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->openDefaultRM(vi);
+  return local::openDefaultRM(vi);
 }
 
 QBSIM_VISA_EXPORT ViStatus viFindRsrc(ViSession sesn, const char *expr, ViFindList *vi,
                                       ViUInt32 *retCnt, ViChar desc[]) {
-  return guarded([&] { return Runtime::instance().findResources(sesn, expr, vi, retCnt, desc); });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment())
+    return rack->findRsrc(sesn, expr, vi, retCnt, desc);
+  return local::findRsrc(sesn, expr, vi, retCnt, desc);
 }
 
 QBSIM_VISA_EXPORT ViStatus viFindNext(ViFindList vi, ViChar desc[]) {
-  return guarded([&] { return Runtime::instance().findNext(vi, desc); });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->findNext(vi, desc);
+  return local::findNext(vi, desc);
 }
 
 QBSIM_VISA_EXPORT ViStatus viOpen(ViSession sesn, const char *name, ViAccessMode, ViUInt32,
                                   ViSession *vi) {
-  return guarded([&] { return Runtime::instance().open(sesn, name, vi); });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->open(sesn, name, vi);
+  return local::open(sesn, name, vi);
 }
 
 QBSIM_VISA_EXPORT ViStatus viClose(ViObject vi) {
-  return guarded([&] { return Runtime::instance().close(vi); });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->close(vi);
+  return local::close(vi);
 }
 
 QBSIM_VISA_EXPORT ViStatus viWrite(ViSession vi, const ViByte *buf, ViUInt32 cnt,
                                    ViUInt32 *retCnt) {
-  if (retCnt != nullptr) *retCnt = 0;
-  return onSession(vi, [&](Instrument &instrument, Session &session) -> ViStatus {
-    if (buf == nullptr && cnt > 0) return qbsim::detail::kErrorUserBuffer;
-    const ViStatus status = instrument.write(session, buf, cnt);
-    if (status >= 0 && retCnt != nullptr) *retCnt = cnt;
-    return status;
-  });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->write(vi, buf, cnt, retCnt);
+  return local::write(vi, buf, cnt, retCnt);
 }
 
 QBSIM_VISA_EXPORT ViStatus viRead(ViSession vi, ViByte *buf, ViUInt32 cnt, ViUInt32 *retCnt) {
-  if (retCnt != nullptr) *retCnt = 0;
-  return onSession(vi, [&](Instrument &instrument, Session &session) -> ViStatus {
-    if (buf == nullptr && cnt > 0) return qbsim::detail::kErrorUserBuffer;
-    size_t delivered = 0;
-    const ViStatus status = instrument.read(session, buf, cnt, delivered);
-    if (retCnt != nullptr) *retCnt = static_cast<ViUInt32>(delivered);
-    return status;
-  });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->read(vi, buf, cnt, retCnt);
+  return local::read(vi, buf, cnt, retCnt);
 }
 
 QBSIM_VISA_EXPORT ViStatus viSetAttribute(ViObject vi, ViAttr attrName, ViAttrState attrValue) {
-  return onSession(vi, [&](Instrument &instrument, Session &session) -> ViStatus {
-    if (instrument.vanished()) return VI_ERROR_CONN_LOST;
-    switch (attrName) {
-      case VI_ATTR_TMO_VALUE: session.timeout = attrValue; return VI_SUCCESS;
-      case VI_ATTR_ASRL_BAUD:
-        if (!instrument.serial()) return VI_ERROR_NSUP_ATTR;
-        if (!standardRate(attrValue)) return VI_ERROR_NSUP_ATTR_STATE;
-        session.baudRate = static_cast<uint32_t>(attrValue);
-        return VI_SUCCESS;
-      case VI_ATTR_ASRL_END_IN:
-        if (!instrument.serial()) return VI_ERROR_NSUP_ATTR;
-        if (attrValue > kLastEndInMode) return VI_ERROR_NSUP_ATTR_STATE;
-        session.endIn = attrValue;
-        return VI_SUCCESS;
-      default: return VI_ERROR_NSUP_ATTR;
-    }
-  });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment())
+    return rack->setAttribute(vi, attrName, attrValue);
+  return local::setAttribute(vi, attrName, attrValue);
 }
 
 QBSIM_VISA_EXPORT ViStatus viFlush(ViSession vi, ViUInt16 mask) {
-  return onSession(vi, [&](Instrument &instrument, Session &session) -> ViStatus {
-    constexpr ViUInt16 kKnown = VI_READ_BUF | VI_WRITE_BUF | VI_READ_BUF_DISCARD | VI_WRITE_BUF_DISCARD;
-    if (mask == 0 || (mask & ~kKnown) != 0) return VI_ERROR_INV_MASK;
-    if (instrument.vanished()) return VI_ERROR_CONN_LOST;
-    if (mask & (VI_READ_BUF | VI_READ_BUF_DISCARD)) {
-      session.reply.clear();
-      session.replyRead = 0;
-    }
-    return VI_SUCCESS;
-  });
+  if (RemoteRack *rack = RemoteRack::fromEnvironment()) return rack->flush(vi, mask);
+  return local::flush(vi, mask);
 }
 
 }  // extern "C"

@@ -233,7 +233,7 @@ TEST(BenchFile, RoundTripsAndShipsTheDefault) {
 
 TEST(BenchFile, RejectsWhatItCannotRead) {
   const struct { const char *document, *message; } cases[] = {
-      {R"({"version": 2, "resources": []})", "unsupported bench file version 2"},
+      {R"({"version": 3, "resources": []})", "unsupported bench file version 3"},
       {R"({"resources": []})", "missing \"version\""},
       {R"({"version": 1, "resources": [{"name": "A", "chassis": {"serail": 1}}]})", "serail"},
       {R"({"version": 1, "resources": [{"name": "A", "chassis": {"model": "RK999"}}]})", "unknown model"},

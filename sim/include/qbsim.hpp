@@ -29,6 +29,18 @@ enum class Model : uint16_t {
 const char *modelName(Model m);  // "RK420", ...
 int slotCount(Model m);          // 6, 6, 4, 21, 1, 1
 
+// Relay state decoded from relay-state frames (commands 19 and 67): a relay
+// is (board, bit group, bit); bit group = 16-bit word index in image order.
+struct Relay {
+  int board;
+  int group;
+  int bit;
+  bool operator==(const Relay &o) const {
+    return board == o.board && group == o.group && bit == o.bit;
+  }
+  bool operator<(const Relay &o) const;
+};
+
 // A card position k (1..slotCount) in the identity reply (command 8).
 struct CardIdentity {
   uint32_t serial = 0;      // 0 = no serial number set
@@ -77,6 +89,13 @@ struct ChassisConfig {
   std::array<uint8_t, 4> boardInPlace = {1, 1, 1, 1};
   std::array<uint8_t, 4> spiLoop = {1, 1, 1, 1};
   bool rejectUpdate = false;      // command 98 answers "rejected"
+
+  // Relays closed when the chassis starts, and the bit groups per board of
+  // the frame that closed them (0 = what the model's controller expects).
+  // A rack server's state file carries them; chassisState() leaves them
+  // empty (closedRelays() and groupsPerBoard() tell the live relays).
+  std::vector<Relay> closedRelays;
+  int groupsPerBoard = 0;
 };
 
 enum class ResourceKind { Chassis, Foreign, Silent };
@@ -90,18 +109,6 @@ struct Resource {
 
 struct Bench {
   std::vector<Resource> resources;
-};
-
-// Relay state decoded from relay-state frames (commands 19 and 67): a relay
-// is (board, bit group, bit); bit group = 16-bit word index in image order.
-struct Relay {
-  int board;
-  int group;
-  int bit;
-  bool operator==(const Relay &o) const {
-    return board == o.board && group == o.group && bit == o.bit;
-  }
-  bool operator<(const Relay &o) const;
 };
 
 struct TrafficEntry {
@@ -196,4 +203,17 @@ int qbsim_inject_fault(const char *resource, const char *kind);
 // The bench as first described (bench-file JSON) into `buffer`, cut to size;
 // returns the full length, or -1.
 int qbsim_bench_json(char *buffer, int size);
+// The bench as it is now: every chassis's present settings and closed relays
+// (a version-2 bench file when relays are closed); as qbsim_bench_json.
+int qbsim_state_json(char *buffer, int size);
+// Puts one instrument back to its described state and ends its sessions.
+int qbsim_reset_resource(const char *resource);
 }
+
+// Shared rack: with the simulator's environment variable QBSIM_SERVER naming
+// the socket of a running `qbvisa-sim serve`, the VISA calls of this
+// libvisa.so and the C entry points above act on that server's rack, so
+// every process sees the same instruments. A server that has gone away gives
+// VI_ERROR_CONN_LOST (VI_ERROR_SYSTEM_ERROR from viOpenDefaultRM) after at
+// most the session's time-out; the next viOpenDefaultRM connects again. The
+// C++ API in namespace qbsim always works on this process's own bench.
