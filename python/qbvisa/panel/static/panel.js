@@ -232,7 +232,7 @@
     const gauge = $("gauge");
     let text, fraction, note;
     if (relays === null || relays === undefined) {
-      text = `${snapshot.closed.length} crosspoints closed`;
+      text = `${snapshot.closed.length} crosspoint${snapshot.closed.length === 1 ? "" : "s"} closed`;
       fraction = 0;
       note = "Relays are not read back here.";
     } else {
@@ -240,7 +240,9 @@
       fraction = limit ? Math.min(1, relays / limit) : 0;
       note = limit ? "Closure limit of the model (isolation relays count)" : "No closure limit on this model";
     }
-    $("gauge-text").textContent = `${text} · ${snapshot.closed.length} crosspoints`;
+    const n = snapshot.closed.length;
+    $("gauge-text").textContent = relays === null || relays === undefined
+      ? text : `${text} · ${n} crosspoint${n === 1 ? "" : "s"}`;
     $("gauge-fill").style.width = `${(fraction * 100).toFixed(1)}%`;
     gauge.dataset.level = fraction >= 1 ? "full" : fraction >= 0.8 ? "high" : "ok";
     gauge.setAttribute("aria-valuenow", String(relays ?? snapshot.closed.length));
@@ -294,7 +296,7 @@
     const s = snapshot.settings || {};
     const settings = $("settings");
     settings.replaceChildren();
-    const mode = el("dd", { text: s.control_mode || "—" });
+    const mode = el("dd", { class: s.control_mode ? "" : "na", text: s.control_mode || "not on this model" });
     if (s.control_mode) {
       const seg = el("span", { class: "seg", role: "group", "aria-label": "control mode" });
       for (const value of ["local", "remote"]) {
@@ -309,10 +311,12 @@
       mode.append(seg);
     }
     settings.append(el("dt", { text: "Control mode" }), mode);
-    row(settings, "GPIB address", s.gpib_address);
-    row(settings, "IP address", s.ip_address);
-    row(settings, "Baud rate", s.baud_rate);
-    row(settings, "LAN mode", s.lan_mode);
+    for (const [name, value] of [["GPIB address", s.gpib_address], ["IP address", s.ip_address],
+                                 ["Baud rate", s.baud_rate], ["LAN mode", s.lan_mode]]) {
+      const known = value !== null && value !== undefined;
+      settings.append(el("dt", { text: name }),
+                      el("dd", { class: known ? "" : "na", text: known ? String(value) : "not on this model" }));
+    }
     if (snapshot.problem) row(settings, "Problem", `[${snapshot.problem.code}] ${snapshot.problem.text}`);
   }
 
