@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import argparse
+import signal
 import sys
+from types import FrameType
 from typing import List, Optional
 
 from .. import lib, sim
@@ -36,6 +38,10 @@ def main(argv: Optional[List[str]] = None) -> int:
     except (OSError, lib.LibraryNotFoundError, sim.SimulationError) as exc:
         print(f"qbvisa.panel: {exc}", file=sys.stderr)
         return 1
+    def interrupted(number: int, frame: Optional[FrameType]) -> None:
+        raise KeyboardInterrupt
+
+    signal.signal(signal.SIGTERM, interrupted)   # stop cleanly when told to
     print(f"qbvisa panel: {panel.url}", flush=True)
     try:
         panel.wait()
