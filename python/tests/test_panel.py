@@ -13,7 +13,7 @@ import qbvisa
 import qbvisa.panel
 from qbvisa import sim
 from qbvisa._locks import process_lock
-from qbvisa.panel.relays import crosspoint_relays
+from qbvisa.panel.relays import crosspoint_relays, own_relays, relay_count
 
 RK420 = "GPIB0::5::INSTR"
 GAPPED_RK420 = {"version": 1, "resources": [
@@ -42,7 +42,7 @@ def request(panel, method, path, body=None, token=True, headers=()):
     return reply.status, json.loads(raw) if kind == "application/json" else raw
 
 
-def test_read_back_relays_map_to_the_crosspoints_switched(qbvisa_bench):
+def test_relays_read_back_map_to_the_crosspoints_switched_and_are_counted(qbvisa_bench):
     # The RK422 moves relays of rows past 4 into bit groups it does not send,
     # so its read-back covers the first block of four rows.
     for found in qbvisa.find():
@@ -52,8 +52,10 @@ def test_read_back_relays_map_to_the_crosspoints_switched(qbvisa_bench):
         rows = 4 if found.model == "RK422" else matrix.rows
         points = {(random.randint(1, rows), random.randint(1, matrix.columns)) for _ in range(30)}
         matrix.set(points)
-        back = {mapping[r] for r in sim.closed_relays(found.resource) if r in mapping}
-        assert back == points, found.model
+        relays = sim.closed_relays(found.resource)
+        own = own_relays(mapping)
+        assert {own[r] for r in relays if r in own} == points, found.model
+        assert relay_count(mapping, points) == len(relays), found.model
 
 
 @pytest.mark.qbvisa_bench(GAPPED_RK420)

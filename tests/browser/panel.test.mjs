@@ -175,3 +175,17 @@ test("the RK422 shows its sub-matrices a page at a time", async () => {
   await page.waitForSelector(`${grid} td[data-row="2"][data-column="3"][data-state="closed"]`);
   await page.screenshot({ path: join(artifacts, "panel-rk422.png"), fullPage: true });
 });
+
+// Last: after a failed send the library keeps its exchange lock, so the
+// package refuses every later switch of the process.
+test("a chassis that is gone is reported and nothing changes on the page", async () => {
+  const RK423 = "ASRL1::INSTR";
+  const grid = `[data-resource="${RK423}"]`;
+  await page.click(`.rack-item[data-rack-resource="${RK423}"]`);
+  await page.waitForSelector(`${grid} td[data-row="8"][data-column="12"]`);
+  sim("fault", RK423, "Vanish");
+  await page.click(`${grid} td[data-row="1"][data-column="1"]`);
+  await page.waitForSelector("#error:not([hidden])");
+  assert.equal(await page.getAttribute("#error", "data-code"), "-10004");
+  assert.equal(await page.getAttribute(`${grid} td[data-row="1"][data-column="1"]`, "data-state"), "open");
+});

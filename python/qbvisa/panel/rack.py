@@ -24,7 +24,7 @@ from .. import chassis as _chassis
 from .. import errors, lib, sim
 from .._locks import process_lock
 from ..points import Point
-from .relays import Relay, crosspoint_relays
+from .relays import Relay, crosspoint_relays, own_relays, relay_count
 
 Json = Dict[str, Any]
 
@@ -51,6 +51,7 @@ class View:
     found: _chassis.Found
     chassis: Optional[_chassis.Chassis] = None
     matrix: Optional[_chassis.Matrix] = None
+    point_relays: Optional[Dict[Point, Tuple[Relay, ...]]] = None
     relay_map: Optional[Dict[Relay, Point]] = None
     closed: FrozenSet[Point] = frozenset()
     relays: Optional[int] = None
@@ -133,7 +134,9 @@ class Station:
                 library.InitPointInfo()
                 info = lib.SlotInfo()
                 library.QBVISA_GetSlotInfo(chassis.session, 0, ctypes.byref(info))
-                view.relay_map = crosspoint_relays(chassis.session)
+                view.point_relays = crosspoint_relays(chassis.session)
+            if view.point_relays is not None:
+                view.relay_map = own_relays(view.point_relays)
             view.chassis = chassis
             view.matrix = _chassis.Matrix(chassis, 0, info)
             view.problem = None
@@ -163,7 +166,8 @@ class Station:
 
     # -- reading the state ---------------------------------------------------
     def _read(self, view: View) -> Tuple[FrozenSet[Point], Optional[int], bool]:
-        """Closed crosspoints, closed relays (None if unknown), read back?"""
+        """Closed crosspoints, closed relays, read back? Without read-back
+        the relays are those the closed crosspoints close."""
         if view.relay_map is not None:
             try:
                 relays = sim.closed_relays(view.found.resource)
@@ -174,7 +178,8 @@ class Station:
                 points = frozenset(mapping[r] for r in relays if r in mapping)
                 return points, len(relays), True
         closed = view.matrix.closed if view.matrix is not None else frozenset()
-        return closed, None, False
+        count = relay_count(view.point_relays, closed) if view.point_relays else None
+        return closed, count, False
 
     def _refresh(self, view: View) -> bool:
         """Reads one chassis; True when what the page shows changed."""

@@ -234,11 +234,12 @@
     if (relays === null || relays === undefined) {
       text = `${snapshot.closed.length} crosspoint${snapshot.closed.length === 1 ? "" : "s"} closed`;
       fraction = 0;
-      note = "Relays are not read back here.";
+      note = "Relays cannot be counted here.";
     } else {
       text = limit ? `${relays} / ${limit} relays closed` : `${relays} relays closed`;
       fraction = limit ? Math.min(1, relays / limit) : 0;
-      note = limit ? "Closure limit of the model (isolation relays count)" : "No closure limit on this model";
+      note = limit ? "The model's closure limit; isolation relays count" : "No closure limit on this model";
+      if (!snapshot.read_back) note = `Counted from what this process switched. ${note}`;
     }
     const n = snapshot.closed.length;
     $("gauge-text").textContent = relays === null || relays === undefined
