@@ -118,3 +118,14 @@ def test_what_the_program_switches_reaches_the_event_stream(panel):
     else:
         pytest.fail("the switch did not reach the event stream")
     connection.close()
+
+
+def test_a_program_that_renews_its_sessions_keeps_a_working_panel(panel):
+    qbvisa.find(refresh=True)      # every session new; the panel's objects are stale
+    deadline = time.monotonic() + 5
+    while True:
+        status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "5!5"})
+        if status == 200 or time.monotonic() > deadline:
+            break
+        time.sleep(0.05)
+    assert status == 200 and reply["closed"] == [[5, 5]]

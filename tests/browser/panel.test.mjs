@@ -61,7 +61,7 @@ before(async () => {
     panel.on("exit", (code) => reject(new Error(`panel exited with ${code}`)));
   });
   browser = await chromium.launch({ executablePath: env.CHROMIUM || "/usr/bin/chromium",
-                                    headless: true, args: ["--no-sandbox"] });
+                                    headless: true, args: ["--no-sandbox", "--disable-dev-shm-usage"] });
   page = await browser.newPage({ viewport: { width: 1440, height: 1000 } });
   await page.goto(url);
   await page.waitForSelector(`[data-resource="${RK420}"] td[data-row]`);

@@ -203,6 +203,12 @@ class Station:
         while not self._stop.wait(self.interval):
             for view in list(self._views):
                 try:
+                    if view.chassis is not None and view.chassis._generation != _chassis._generation:
+                        # The program loaded another simulated bench or ran
+                        # discovery again: the sessions are new.
+                        self._attach(view)
+                        with self._lock:
+                            self._bump(view)
                     self._refresh(view)
                 except Exception:  # a failed look is retried next round
                     continue
