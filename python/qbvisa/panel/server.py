@@ -62,6 +62,10 @@ class PanelServer(ThreadingHTTPServer):
         # Host names the page may be reached by; None: any (--listen given).
         self.hosts = hosts
 
+    def handle_error(self, request: Any, client_address: Any) -> None:
+        """Nothing in the package prints; a failed request only ends its
+        connection."""
+
 
 def _points(value: Any, what: str) -> List[Point]:
     if value is None:
@@ -87,6 +91,7 @@ def _chassis_index(body: Json) -> int:
 class Handler(BaseHTTPRequestHandler):
     server: PanelServer
     protocol_version = "HTTP/1.1"
+    timeout = 30.0   # a request whose body never comes frees its thread
     server_version = "qbvisa-panel"
     sys_version = ""
 
@@ -178,8 +183,14 @@ class Handler(BaseHTTPRequestHandler):
             self._refuse(exc.status, str(exc))
         except KeyError:
             self._refuse(HTTPStatus.NOT_FOUND, "no such chassis")
-        except (BrokenPipeError, ConnectionResetError):
+        except (BrokenPipeError, ConnectionResetError, TimeoutError):
             self.close_connection = True
+        except Exception as exc:  # the panel's own fault: say so, keep serving
+            self.close_connection = True
+            try:
+                self._json(HTTPStatus.INTERNAL_SERVER_ERROR, {"error": error_json(exc)})
+            except OSError:
+                pass
 
     def _get(self, path: str) -> None:
         station = self.server.station
