@@ -101,6 +101,10 @@ def test_routes_switch_and_refuse(panel):
     assert status == 400
     status, reply = request(panel, "POST", "/api/open-all", {"chassis": 0})
     assert status == 200 and reply["closed"] == [] and sim.closed_relays(RK420) == []
+    # The RK422 holds only its first four rows: accepted, but not held.
+    status, reply = request(panel, "POST", "/api/switch", {"chassis": 2, "close": "1!2, 5!1"})
+    assert status == 200 and reply["closed"] == [[1, 2]]
+    assert reply["warning"]["detail"] == "5!1 open"
 
 
 def test_what_the_program_switches_reaches_the_event_stream(panel):

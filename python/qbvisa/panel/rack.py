@@ -269,7 +269,17 @@ class Station:
             wanted: Set[Point] = target(set(now))
             view.matrix.set(wanted)
             self._refresh(view)
-        return self.snapshot(index)
+            held = view.closed
+        result = self.snapshot(index)
+        if result["read_back"] and held != wanted:
+            # Accepted, yet the relays read back differ (the RK422 sends
+            # only its first block of four rows): say which points.
+            missing = sorted(wanted - held)[:20]
+            extra = sorted(held - wanted)[:20]
+            result["warning"] = {"code": None, "text": "The chassis does not hold every wanted state",
+                                 "detail": ", ".join([f"{r}!{c} open" for r, c in missing]
+                                                     + [f"{r}!{c} closed" for r, c in extra])}
+        return result
 
     def set_control_mode(self, index: int, mode: str) -> Json:
         view = self.view(index)

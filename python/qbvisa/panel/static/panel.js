@@ -65,6 +65,7 @@
       const snapshot = await post(path, body);
       hideError();
       accept(snapshot);
+      if (snapshot.warning) showError(snapshot.warning, "Not held");
     } catch (e) {
       showError(e.panel || { code: null, text: String(e.message || e), detail: "" });
     } finally {
@@ -75,12 +76,14 @@
   }
 
   // -- errors ----------------------------------------------------------------
-  function showError(error) {
+  function showError(error, title) {
+    $("error-title").textContent = title || "Refused";
     $("error-code").textContent = error.code === null || error.code === undefined ? "" : `[${error.code}]`;
     $("error-text").textContent = error.text || "";
     $("error-detail").textContent = error.detail || "";
     const box = $("error");
     box.dataset.code = error.code === null || error.code === undefined ? "" : String(error.code);
+    box.classList.toggle("warning", Boolean(title));
     box.hidden = false;
   }
   function hideError() { $("error").hidden = true; }
