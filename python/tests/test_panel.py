@@ -1,0 +1,135 @@
+"""The panel server in this process on the simulated bench: relay read-back
+mapped to crosspoints, the JSON routes, their guards, and a test program's
+own switching showing up."""
+
+import http.client
+import json
+import random
+import time
+
+import pytest
+
+import qbvisa
+import qbvisa.panel
+from qbvisa import sim
+from qbvisa._locks import process_lock
+from qbvisa.panel.relays import crosspoint_relays, own_relays, relay_count
+
+RK420 = "GPIB0::5::INSTR"
+GAPPED_RK420 = {"version": 1, "resources": [
+    {"name": RK420, "chassis": {"model": "RK420", "presenceMask": 0b00101}}]}
+
+
+@pytest.fixture
+def panel(qbvisa_bench):
+    running = qbvisa.panel.serve(background=True, interval=0.05)
+    yield running
+    running.stop()
+
+
+def request(panel, method, path, body=None, token=True, headers=()):
+    connection = http.client.HTTPConnection(panel.host, panel.port, timeout=10)
+    sent = {"Content-Type": "application/json"}
+    if token:
+        sent["X-Panel-Token"] = panel.token
+    sent.update(headers)
+    data = body if isinstance(body, (bytes, type(None))) else json.dumps(body).encode()
+    connection.request(method, path, body=data, headers=sent)
+    reply = connection.getresponse()
+    raw = reply.read()
+    connection.close()
+    kind = reply.getheader("Content-Type", "")
+    return reply.status, json.loads(raw) if kind == "application/json" else raw
+
+
+def test_relays_read_back_map_to_the_crosspoints_switched_and_are_counted(qbvisa_bench):
+    # The RK422 moves relays of rows past 4 into bit groups it does not send,
+    # so its read-back covers the first block of four rows.
+    for found in qbvisa.find():
+        matrix = qbvisa.connect(found.resource).open(0)
+        with process_lock.exclusive():
+            mapping = crosspoint_relays(matrix.chassis.session)
+        rows = 4 if found.model == "RK422" else matrix.rows
+        points = {(random.randint(1, rows), random.randint(1, matrix.columns)) for _ in range(30)}
+        matrix.set(points)
+        relays = sim.closed_relays(found.resource)
+        own = own_relays(mapping)
+        assert {own[r] for r in relays if r in own} == points, found.model
+        assert relay_count(mapping, points) == len(relays), found.model
+
+
+@pytest.mark.qbvisa_bench(GAPPED_RK420)
+def test_unfitted_sub_matrices_are_skipped_in_the_mapping_and_refused(panel):
+    status, chassis = request(panel, "GET", "/api/chassis/0")
+    assert chassis["geometry"]["fitted"] == [True, False, True, False, False]
+    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": [[1, 21], [2, 2]]})
+    assert status == 200 and reply["closed"] == [[1, 21], [2, 2]]
+    assert sim.closed_relays(RK420)
+    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "1!11"})
+    assert (status, reply["error"]["code"]) == (409, -10013)
+    status, chassis = request(panel, "GET", "/api/chassis/0")
+    assert chassis["closed"] == [[1, 21], [2, 2]]
+
+
+def test_routes_switch_and_refuse(panel):
+    status, page = request(panel, "GET", "/", token=False)
+    assert status == 200 and b"panel.js" in page
+    status, rack = request(panel, "GET", "/api/rack", token=False)
+    assert [c["model"] for c in rack["chassis"]] == ["RK420", "RK421", "RK422", "RK423"]
+    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "1!1:2!2"})
+    assert status == 200 and reply["closed"] == [[1, 1], [1, 2], [2, 1], [2, 2]]
+    relays = sim.closed_relays(RK420)
+    refused = [
+        ({"chassis": 0, "close": "1!1"}, False, {}, 403),
+        ({"chassis": 0, "close": "1!1"}, True, {"Origin": "http://elsewhere"}, 403),
+        ({"chassis": 0, "close": "1!1"}, True, {"Host": "evil.example"}, 403),
+        ({"chassis": 0, "close": "1!1"}, True, {"Content-Type": "text/plain"}, 415),
+        (b"{", True, {}, 400),
+        ([1, 2], True, {}, 400),
+        ({"chassis": "0", "close": "1!1"}, True, {}, 400),
+        ({"chassis": 0}, True, {}, 400),
+        ({"chassis": 0, "close": [[1, "a"]]}, True, {}, 400),
+        ({"chassis": 9, "close": "1!1"}, True, {}, 404),
+        ({"chassis": 0, "close": "1!1:12!50"}, True, {}, 409),   # closure limit
+    ]
+    for body, token, headers, expected in refused:
+        status, reply = request(panel, "POST", "/api/switch", body, token, headers)
+        assert status == expected, (body, headers)
+    assert reply["error"]["code"] == -10030
+    assert sim.closed_relays(RK420) == relays
+    status, reply = request(panel, "POST", "/api/settings", {"chassis": 1, "control_mode": "off"})
+    assert status == 400
+    status, reply = request(panel, "POST", "/api/open-all", {"chassis": 0})
+    assert status == 200 and reply["closed"] == [] and sim.closed_relays(RK420) == []
+    # The RK422 holds only its first four rows: accepted, but not held.
+    status, reply = request(panel, "POST", "/api/switch", {"chassis": 2, "close": "1!2, 5!1"})
+    assert status == 200 and reply["closed"] == [[1, 2]]
+    assert reply["warning"]["detail"] == "5!1 open"
+
+
+def test_what_the_program_switches_reaches_the_event_stream(panel):
+    connection = http.client.HTTPConnection(panel.host, panel.port, timeout=10)
+    connection.request("GET", "/api/events")
+    stream = connection.getresponse()
+    assert stream.getheader("Content-Type") == "text/event-stream"
+    assert stream.readline() == b"event: rack\n"
+    qbvisa.connect(RK420).open(0).close("3!4")
+    deadline = time.monotonic() + 5
+    while time.monotonic() < deadline:
+        line = stream.readline()
+        if line.startswith(b"data: ") and b'"closed": [[3, 4]]' in line:
+            break
+    else:
+        pytest.fail("the switch did not reach the event stream")
+    connection.close()
+
+
+def test_a_program_that_renews_its_sessions_keeps_a_working_panel(panel):
+    qbvisa.find(refresh=True)      # every session new; the panel's objects are stale
+    deadline = time.monotonic() + 5
+    while True:
+        status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "5!5"})
+        if status == 200 or time.monotonic() > deadline:
+            break
+        time.sleep(0.05)
+    assert status == 200 and reply["closed"] == [[5, 5]]
