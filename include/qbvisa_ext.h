@@ -47,6 +47,27 @@ QBVISA_EXPORT int32_t QBVISA_GetSlotInfo(uint32_t session, uint64_t slot,
 QBVISA_EXPORT int32_t QBVISA_GetModelName(uint32_t session, char *name,
                                           uint32_t size);
 
+/* One relay: board of the relay-state frame, bit group (16-bit word index
+ * in image order, as the frame lists a board's groups last first) and bit. */
+typedef struct QBVISA_Relay {
+  int32_t board;
+  int32_t group;
+  int32_t bit;
+} QBVISA_Relay;
+
+/* The relays that closing crosspoint (row, column) of slot 0 closes: its own
+ * relay first, then its isolation relays; returns how many (1..4) were
+ * written to `relays`. Row and column are 1-based as on the chassis, columns
+ * counted across the whole front (sub-matrix s holds columns
+ * s * columnsPerSubMatrix + 1 ...). A group at or past the board's bit groups
+ * in the frame never reaches the chassis (the RK422's rows past its first
+ * block of four). -10023 unknown session; -10038 null `relays`; -10026 a
+ * slot other than 0 (cards are not switched by relay frames); -10007 /
+ * -10008 row / column outside the matrix; -10014 a sub-matrix not fitted. */
+QBVISA_EXPORT int32_t QBVISA_GetPointRelays(uint32_t session, uint64_t slot,
+                                            uint32_t row, uint32_t column,
+                                            QBVISA_Relay relays[4]);
+
 #ifdef __cplusplus
 }
 #endif

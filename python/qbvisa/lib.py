@@ -85,6 +85,16 @@ class SlotInfo(ctypes.Structure):
     ]
 
 
+class Relay(ctypes.Structure):
+    """A relay of the relay-state frame: board, bit group, bit."""
+
+    _fields_ = [
+        ("board", ctypes.c_int32),
+        ("group", ctypes.c_int32),
+        ("bit", ctypes.c_int32),
+    ]
+
+
 _u32 = ctypes.c_uint32
 _i32 = ctypes.c_int32
 _u64 = ctypes.c_uint64
@@ -135,6 +145,7 @@ SIGNATURES: Dict[str, Tuple[Sequence[Any], Any, bool]] = {
     "QBVISA_OnlineUpdate": ((_u32, _str), _i32, True),
     "QBVISA_GetSlotInfo": ((_u32, _u64, ctypes.POINTER(SlotInfo)), _i32, True),
     "QBVISA_GetModelName": ((_u32, _buf, _u32), _i32, True),
+    "QBVISA_GetPointRelays": ((_u32, _u64, _u32, _u32, ctypes.POINTER(Relay)), _i32, True),
 }
 
 

@@ -7,6 +7,7 @@
 #include "core/chassis_request.h"
 #include "qbvisa_ext.h"
 #include "switching/relay_frame.h"
+#include "wiring/crosspoint_wiring.h"
 
 extern "C" {
 
@@ -46,6 +47,32 @@ QBVISA_EXPORT int32_t QBVISA_GetModelName(uint32_t session, char *name,
   std::memcpy(name, model, length);
   name[length] = '\0';
   return 0;
+}
+
+QBVISA_EXPORT int32_t QBVISA_GetPointRelays(uint32_t session, uint64_t slot,
+                                            uint32_t row, uint32_t column,
+                                            QBVISA_Relay relays[4]) {
+  if (relays == nullptr) return QBVISA_ERR_PARAMETER;
+  const ChassisRecord *record = qbvisa::lookUpChassis(session);
+  if (record == nullptr) return QBVISA_ERR_HANDLE;
+  if (slot != 0) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
+  const SlotArea &area = record->slots[0];
+  const uint32_t columns = area.columnCount;
+  const uint32_t subs = std::min<uint32_t>(area.subMatrixCount, sizeof area.cardPresent);
+  if (row < 1 || row > area.rowCount) return QBVISA_ERR_ROW_RANGE;
+  if (column < 1 || columns == 0 || column > subs * columns)
+    return QBVISA_ERR_COLUMN_RANGE;
+  // The caller's column blocks address fitted sub-matrices only, in order.
+  const uint32_t sub = (column - 1) / columns;
+  if (area.cardPresent[sub] != 1) return QBVISA_ERR_CARD_IN_PLACE;
+  const auto fittedBefore = std::count(area.cardPresent, area.cardPresent + sub, 1);
+  const int board = area.subMatrixGroup[fittedBefore];
+  const qbvisa::PointRelays found = qbvisa::pointRelays(
+      qbvisa::modelByType(record->modelTypeCode), area.matrixKind,
+      area.wordsPerGroup, row - 1, (column - 1) % columns);
+  for (int i = 0; i < found.count; ++i)
+    relays[i] = {board, found.at[i].group, found.at[i].position};
+  return found.count;
 }
 
 }  // extern "C"
