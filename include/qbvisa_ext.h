@@ -47,6 +47,23 @@ QBVISA_EXPORT int32_t QBVISA_GetSlotInfo(uint32_t session, uint64_t slot,
 QBVISA_EXPORT int32_t QBVISA_GetModelName(uint32_t session, char *name,
                                           uint32_t size);
 
+/* What the library knows of one chassis model, before any chassis is
+ * connected (bindings name models and their slots from this, not from a copy
+ * of their own). */
+typedef struct QBVISA_ModelInfo {
+  char name[16];                /* "RK420", ... */
+  uint16_t typeCode;            /* QBVISA_TYPE_* */
+  uint16_t slotCount;           /* board positions in the identity reply */
+  uint16_t cardSlots;           /* plug-in card slots beside slot 0 (1, 2...) */
+  uint16_t hasControlMode;      /* 1: own ports and front-panel control */
+  uint32_t closureLimit;        /* most relays closed at once; 0 = no limit */
+} QBVISA_ModelInfo;
+
+/* Model number `index` (0, 1, ... in the library's order) into `info`;
+ * -10038 for a null `info` or an index past the last model. */
+QBVISA_EXPORT int32_t QBVISA_GetModelInfo(uint32_t index,
+                                          QBVISA_ModelInfo *info);
+
 /* One relay: board of the relay-state frame, bit group (16-bit word index
  * in image order, as the frame lists a board's groups last first) and bit. */
 typedef struct QBVISA_Relay {

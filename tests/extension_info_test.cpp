@@ -118,4 +118,33 @@ TEST(ExtensionInfoTest, PointRelaysMatchWhatTheChassisCloses) {
   }
 }
 
+// Every model, in order, with the facts bindings take from it; the end of
+// the list is a refusal, not a stale row.
+TEST(ExtensionInfoTest, ModelList) {
+  struct Row {
+    const char *name;
+    uint16_t typeCode, slotCount, cardSlots, hasControlMode;
+    uint32_t closureLimit;
+  } expected[] = {
+      {"RK420", 1050, 6, 2, 0, 400}, {"RK420B", 1051, 6, 2, 0, 400},
+      {"RK421", 1066, 4, 0, 1, 270}, {"RK422", 1082, 21, 0, 0, 0},
+      {"RK423", 1098, 1, 0, 0, 0},   {"RK423B", 1099, 1, 0, 0, 0},
+  };
+  for (uint32_t i = 0; i < std::size(expected); ++i) {
+    QBVISA_ModelInfo info;
+    std::memset(&info, 0xAB, sizeof info);
+    ASSERT_EQ(QBVISA_GetModelInfo(i, &info), 0);
+    EXPECT_STREQ(info.name, expected[i].name);
+    EXPECT_EQ(std::make_tuple(info.typeCode, info.slotCount, info.cardSlots,
+                              info.hasControlMode, info.closureLimit),
+              std::make_tuple(expected[i].typeCode, expected[i].slotCount,
+                              expected[i].cardSlots, expected[i].hasControlMode,
+                              expected[i].closureLimit))
+        << expected[i].name;
+  }
+  QBVISA_ModelInfo info;
+  EXPECT_EQ(QBVISA_GetModelInfo(std::size(expected), &info), QBVISA_ERR_PARAMETER);
+  EXPECT_EQ(QBVISA_GetModelInfo(0, nullptr), QBVISA_ERR_PARAMETER);
+}
+
 }  // namespace

@@ -13,7 +13,7 @@ text. Objects may be shared between threads. Nothing in the package prints.
 from __future__ import annotations
 
 from . import lib, points, sim
-from .chassis import (MODELS, Chassis, ChassisInfo, ControlMode, Found, LanMode,
+from .chassis import (Model, models, Chassis, ChassisInfo, ControlMode, Found, LanMode,
                       Matrix, _text, connect, find)
 from .errors import (BadArgumentError, CardMissingError, ChassisNotFoundError,
                      ClosureLimitError, ControlModeError, DeviceFailureError, Error,
@@ -44,7 +44,7 @@ __all__ = [
     "BadArgumentError", "CardMissingError", "Chassis", "ChassisInfo",
     "ChassisNotFoundError", "ClosureLimitError", "ControlMode", "ControlModeError",
     "DeviceFailureError", "Error", "ExchangeError", "FirmwareUpdateError", "Found",
-    "LanMode", "LibraryNotFoundError", "MODELS", "Matrix", "NotFittedError",
+    "LanMode", "LibraryNotFoundError", "Model", "models", "Matrix", "NotFittedError",
     "NotSupportedError", "ReceiveError", "SelfTestError", "SendError",
     "SerialNumberError", "SimulationError", "VisaError", "WrongTypeError",
     "card_size", "connect", "find", "lib", "library_version", "points", "sim",

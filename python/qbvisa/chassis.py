@@ -14,22 +14,46 @@ from . import errors, lib
 from ._locks import process_lock
 from .points import Geometry, Point, Points, normalise
 
-# Hardware type codes and model names.
-MODELS: Dict[int, str] = {
-    1050: "RK420", 1051: "RK420B", 1066: "RK421",
-    1082: "RK422", 1098: "RK423", 1099: "RK423B",
-}
-TYPE_CODES: Dict[str, int] = {name: code for code, name in MODELS.items()}
-# Slots a model has: 0 its own matrix; 1 and 2 the card slots of the RK420s.
-SLOTS: Dict[str, Tuple[int, ...]] = {
-    "RK420": (0, 1, 2), "RK420B": (0, 1, 2), "RK421": (0,),
-    "RK422": (0,), "RK423": (0,), "RK423B": (0,),
-}
+@dataclass(frozen=True)
+class Model:
+    """A chassis model as the library describes it."""
 
-# Card positions in the identity reply, by model.
-CARD_POSITIONS: Dict[str, int] = {
-    "RK420": 6, "RK420B": 6, "RK421": 4, "RK422": 21, "RK423": 1, "RK423B": 1,
-}
+    name: str
+    type_code: int
+    slot_count: int               # board positions in the identity reply
+    card_slots: int               # plug-in card slots beside slot 0
+    has_control_mode: bool        # own ports and front-panel control
+    closure_limit: Optional[int]  # most relays closed at once; None: no limit
+
+
+_models: Optional[Dict[int, Model]] = None
+
+
+def models() -> Dict[int, Model]:
+    """Every chassis model the library knows, by type code (asked once)."""
+    global _models
+    if _models is None:
+        table: Dict[int, Model] = {}
+        info = lib.ModelInfo()
+        library = lib.library()
+        index = 0
+        while True:
+            try:
+                library.QBVISA_GetModelInfo(index, ctypes.byref(info))
+            except errors.Error:
+                break  # past the last model
+            table[int(info.typeCode)] = Model(
+                info.name.decode("ascii"), int(info.typeCode), int(info.slotCount),
+                int(info.cardSlots), bool(info.hasControlMode),
+                int(info.closureLimit) or None)
+            index += 1
+        _models = table
+    return _models
+
+
+def _model_named(name: str) -> Optional[Model]:
+    return next((m for m in models().values() if m.name == name), None)
+
 
 _REGISTRY_SIZE = 32      # chassis records in the library
 _REPLY_SIZE = 1024       # text replies (the library writes at most 400)
@@ -118,7 +142,8 @@ def _discover() -> List[Found]:
     for entry in entries[: count.value]:
         name = bytes(entry.resourceName).split(b"\0", 1)[0].decode("latin-1")
         code = int(entry.typeCode)
-        found.append(Found(name, MODELS.get(code, f"type {code}"), code))
+        model = models().get(code)
+        found.append(Found(name, model.name if model else f"type {code}", code))
     _found = found
     return list(found)
 
@@ -213,12 +238,14 @@ class Chassis:
 
     @property
     def type_code(self) -> int:
-        return TYPE_CODES.get(self._model, 0)
+        model = _model_named(self._model)
+        return model.type_code if model else 0
 
     @property
     def slots(self) -> Tuple[int, ...]:
         """The slots this model has (0 its own matrix, 1 and 2 card slots)."""
-        return SLOTS.get(self._model, (0,))
+        model = _model_named(self._model)
+        return (0,) + tuple(range(1, model.card_slots + 1)) if model else (0,)
 
     def __repr__(self) -> str:
         return f"<qbvisa.Chassis {self._model} at {self._resource!r} session {self._session}>"
@@ -356,7 +383,8 @@ class Chassis:
     # -- identity -----------------------------------------------------------
     def serial_numbers(self) -> Tuple[int, ...]:
         """The chassis' serial number, then each card position's (0 unset)."""
-        count = 1 + CARD_POSITIONS.get(self._model, 0)
+        model = _model_named(self._model)
+        count = 1 + (model.slot_count if model else 0)
         values = (ctypes.c_uint32 * count)()
         self._call("QBVISA_GetSN", values, count)
         return tuple(values)

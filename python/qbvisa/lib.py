@@ -85,6 +85,19 @@ class SlotInfo(ctypes.Structure):
     ]
 
 
+class ModelInfo(ctypes.Structure):
+    """What the library knows of one chassis model."""
+
+    _fields_ = [
+        ("name", ctypes.c_char * 16),
+        ("typeCode", ctypes.c_uint16),
+        ("slotCount", ctypes.c_uint16),
+        ("cardSlots", ctypes.c_uint16),
+        ("hasControlMode", ctypes.c_uint16),
+        ("closureLimit", ctypes.c_uint32),
+    ]
+
+
 class Relay(ctypes.Structure):
     """A relay of the relay-state frame: board, bit group, bit."""
 
@@ -145,6 +158,7 @@ SIGNATURES: Dict[str, Tuple[Sequence[Any], Any, bool]] = {
     "QBVISA_OnlineUpdate": ((_u32, _str), _i32, True),
     "QBVISA_GetSlotInfo": ((_u32, _u64, ctypes.POINTER(SlotInfo)), _i32, True),
     "QBVISA_GetModelName": ((_u32, _buf, _u32), _i32, True),
+    "QBVISA_GetModelInfo": ((_u32, ctypes.POINTER(ModelInfo)), _i32, True),
     "QBVISA_GetPointRelays": ((_u32, _u64, _u32, _u32, ctypes.POINTER(Relay)), _i32, True),
 }
 

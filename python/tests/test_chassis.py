@@ -20,6 +20,11 @@ def test_find_lists_the_chassis_and_skips_other_makers(qbvisa_bench):
     assert [(f.resource, f.model, f.type_code) for f in found] == [
         (RK420, "RK420", 1050), (RK421, "RK421", 1066),
         ("TCPIP0::192.168.1.22::inst0::INSTR", "RK422", 1082), ("ASRL1::INSTR", "RK423", 1098)]
+    # The model facts come from the library's own table.
+    assert [(m.name, m.card_slots, m.has_control_mode, m.closure_limit)
+            for m in qbvisa.models().values()] == [
+        ("RK420", 2, False, 400), ("RK420B", 2, False, 400), ("RK421", 0, True, 270),
+        ("RK422", 0, False, None), ("RK423", 0, False, None), ("RK423B", 0, False, None)]
 
 
 def test_connect_to_nothing(qbvisa_bench):

@@ -75,4 +75,21 @@ QBVISA_EXPORT int32_t QBVISA_GetPointRelays(uint32_t session, uint64_t slot,
   return found.count;
 }
 
+QBVISA_EXPORT int32_t QBVISA_GetModelInfo(uint32_t index,
+                                          QBVISA_ModelInfo *info) {
+  const auto models = qbvisa::chassisModels();
+  if (info == nullptr || index >= models.size()) return QBVISA_ERR_PARAMETER;
+  const qbvisa::ChassisModel &model = models[index];
+  QBVISA_ModelInfo out{};
+  std::strncpy(out.name, model.name, sizeof out.name - 1);
+  out.typeCode = model.typeCode;
+  out.slotCount = model.slotCount;
+  // Models with a slot-2 card kind take plug-in cards in slots 1 and 2.
+  out.cardSlots = model.slot2Kind != 0 ? 2 : 0;
+  out.hasControlMode = model.hasPortsAndControlMode ? 1 : 0;
+  out.closureLimit = model.closureLimit > 0 ? static_cast<uint32_t>(model.closureLimit) : 0;
+  *info = out;
+  return 0;
+}
+
 }  // extern "C"
