@@ -172,6 +172,8 @@ __attribute__((visibility("default"))) int qbsim_inject_fault(const char *resour
       {"WriteFails", qbsim::Fault::WriteFails},     {"ReadFails", qbsim::Fault::ReadFails},
       {"FailureReply", qbsim::Fault::FailureReply}, {"ShortReply", qbsim::Fault::ShortReply},
       {"Timeout", qbsim::Fault::Timeout},           {"Vanish", qbsim::Fault::Vanish},
+      {"TermCharCompletion", qbsim::Fault::TermCharCompletion},
+      {"MaxCountCompletion", qbsim::Fault::MaxCountCompletion},
   };
   if (resource == nullptr || kind == nullptr) return -1;
   for (const auto &[name, fault] : kFaults) {
