@@ -22,6 +22,6 @@ TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j 
 
 if [ -x scripts/fuzz.sh ]; then
   echo "== short fuzz run"
-  scripts/fuzz.sh 30
+  scripts/fuzz.sh 20
 fi
 echo "== all passed"
