@@ -61,17 +61,11 @@ struct Ctx {
   Out out;
 };
 
-// Text buffers start as "~" and lists as 22 slots of 10 bytes each "~".
-struct Texts {
-  char t[4][400];
-  Texts() {
-    for (auto &x : t) std::strcpy(x, "~");
-  }
-};
-struct List {
-  char l[220];
-  List() {
-    for (int i = 0; i < 22; ++i) std::strcpy(l + 10 * i, "~");
+// A caller's text buffer: each 10-byte slot starts as "~", not written.
+struct Buf {
+  char b[400];
+  Buf() {
+    for (int i = 0; i < 40; ++i) std::strcpy(b + 10 * i, "~");
   }
 };
 
@@ -115,9 +109,9 @@ Run getter(int32_t (*call)(uint32_t, uint32_t *)) {
 }
 Run versions(int32_t (*call)(uint32_t, char *, uint64_t), int slots) {
   return [call, slots](Ctx &c) {
-    List l;
-    const int32_t code = call(c.s, l.l, 22);
-    c.out.list(l.l, slots);
+    Buf l;
+    const int32_t code = call(c.s, l.b, 22);
+    c.out.list(l.b, slots);
     return code;
   };
 }
@@ -216,9 +210,9 @@ const Row kRows[] = {
      {0, S, R, F, 0, R, S}, ""},
     {"GetCOMMIPAddr", Model::RK421,
      [](Ctx &c) {
-       Texts t;
-       const int32_t code = QBVISA_GetCOMMIPAddr(c.s, t.t[0]);
-       c.out.str(t.t[0]);
+       Buf t;
+       const int32_t code = QBVISA_GetCOMMIPAddr(c.s, t.b);
+       c.out.str(t.b);
        return code;
      },
      {0, S, R, F, 0, R, S}, "90.90.90.90|"},
@@ -248,9 +242,9 @@ const Row kRows[] = {
     // The firmware version is read first; the identity answer is whole.
     {"GetDeviceInfo", Model::RK421,
      [](Ctx &c) {
-       Texts t;
-       const int32_t code = QBVISA_GetDeviceInfo(c.s, t.t[0], t.t[1], t.t[2], t.t[3], 20);
-       for (auto &x : t.t) c.out.str(x);
+       Buf t[4];
+       const int32_t code = QBVISA_GetDeviceInfo(c.s, t[0].b, t[1].b, t[2].b, t[3].b, 20);
+       for (auto &x : t) c.out.str(x.b);
        return code;
      },
      {0, S, R, F, 0, R, S}, "042A|A1|12345678|0.00|"},
@@ -263,9 +257,9 @@ const Row kRows[] = {
     {"Clear RK422", Model::RK422, clear, {0, S, R, F, 0, R, S}, "2 ", true},
     {"SelfTest", Model::RK421,
      [](Ctx &c) {
-       Texts t;
-       const int32_t code = QBVISA_SelfTest(c.s, 0, t.t[0], 40);
-       c.out.str(t.t[0]);
+       Buf t;
+       const int32_t code = QBVISA_SelfTest(c.s, 0, t.b, 40);
+       c.out.str(t.b);
        return code;
      },
      {0, S, R, F, R, R, S}, nullptr},
@@ -343,13 +337,12 @@ struct Result {
   int32_t code;
   std::string out;
   State before, after;
-  unsigned slept;
 };
 
 Result runWith(const Row &row, const Fault *fault) {
   Ctx c;
   c.s = prepare(row);
-  Result res{0, "", state(row, c.s), {}, 0};
+  Result res{0, "", state(row, c.s), {}};
   ChassisRecord *rec = nullptr;
   if (FindChassis(int32_t(c.s), &rec) >= 0) std::memset(rec->replyBuffer, 0x5A, sizeof rec->replyBuffer);
   if (fault != nullptr) qbsim::injectFault(resourceFor(row).name, *fault);
@@ -369,7 +362,7 @@ TEST(FaultTable, EveryCallUnderEveryExchangeFault) {
       const Result got = runWith(row, &kFaults[i]);
       SCOPED_TRACE(std::string(row.call) + " / " + kFaultNames[i + 1]);
       EXPECT_EQ(got.code, want);
-      const bool written = kFaults[i] == Fault::WriteFails || kFaults[i] == Fault::Vanish;
+      const bool unsent = kFaults[i] == Fault::WriteFails || kFaults[i] == Fault::Vanish;
       if (kFaults[i] == Fault::ShortReply && row.shortOut != nullptr) {
         EXPECT_EQ(got.out, row.shortOut);
       } else if (want < 0 && kFaults[i] != Fault::ShortReply) {
@@ -379,7 +372,7 @@ TEST(FaultTable, EveryCallUnderEveryExchangeFault) {
         EXPECT_EQ(got.after.record, got.before.record);
       }
       // Nothing reached the chassis: its relays and settings are untouched.
-      if (written && want < 0) {
+      if (unsent && want < 0) {
         EXPECT_EQ(got.after.chassis, got.before.chassis);
       }
     }
