@@ -84,10 +84,15 @@ using Run = std::function<int32_t(Ctx &)>;
 
 // A text command always returns 0; its reply says what went wrong, and an
 // error text is turned back into its code for the table.
-Run scpi(const char *line) {
-  return [line](Ctx &c) -> int32_t {
+// A write keeps its reply in the chassis record.
+Run scpi(const char *line, bool write = false) {
+  return [line, write](Ctx &c) -> int32_t {
     char reply[400] = "~";
-    if (QBVISA_SCPIQuery(c.s, line, reply) != 0) return -1;
+    ChassisRecord *rec = nullptr;
+    if (write ? QBVISA_SCPIWrite(c.s, line) != 0 || FindChassis(int32_t(c.s), &rec) < 0
+              : QBVISA_SCPIQuery(c.s, line, reply) != 0)
+      return -1;
+    if (write) std::strcpy(reply, rec->scpiReply);
     if (std::strcmp(reply, "Send data failed!") == 0) return QBVISA_ERR_SEND;
     if (std::strcmp(reply, "Receive data failed!") == 0) return QBVISA_ERR_RECEIVE;
     for (int32_t code = -10000; code >= -10053; --code) {
@@ -200,6 +205,8 @@ const Row kRows[] = {
     // "*IDN?" hands the chassis's answer through as it came.
     {"SCPI *IDN?", Model::RK421, scpi("*IDN?"), {0, S, R, 0, 0, R, S}, "QB|"},
     {"SCPI version", Model::RK421, scpi(":SYSTem:VERSion?"), {0, S, R, F, 0, R, S},
+     "Fw Version: CTR 0.00, COM 1.02|"},
+    {"SCPI write version", Model::RK421, scpi(":SYSTem:VERSion?", true), {0, S, R, F, 0, R, S},
      "Fw Version: CTR 0.00, COM 1.02|"},
     {"SCPI GPIB address", Model::RK421, scpi(":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess?"), {0, S, R, F, 0, R, S},
      "GPIB Address:90|"},
