@@ -21,5 +21,5 @@ scripts/build.sh build-tsan -DCMAKE_BUILD_TYPE=Debug -DQBVISA_SANITIZE=thread -D
 TSAN_OPTIONS=halt_on_error=1 ctest --test-dir build-tsan --output-on-failure -j "$jobs" -L threads --timeout 600 --no-tests=ignore
 
 echo "== short fuzz run"
-scripts/fuzz.sh 30
+scripts/fuzz.sh 15
 echo "== all passed"

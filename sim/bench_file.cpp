@@ -380,7 +380,7 @@ Bench parseBench(const std::string &document) {
   json root;
   try {
     root = json::parse(document);
-  } catch (const json::parse_error &e) {
+  } catch (const json::exception &e) {  // syntax, and numbers out of range
     fail("syntax", e.what());
   }
   if (!root.is_object()) fail("top level", "expected an object");

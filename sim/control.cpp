@@ -88,6 +88,8 @@ std::optional<Fault> faultNamed(const std::string &name) {
       {"WriteFails", Fault::WriteFails},     {"ReadFails", Fault::ReadFails},
       {"FailureReply", Fault::FailureReply}, {"ShortReply", Fault::ShortReply},
       {"Timeout", Fault::Timeout},           {"Vanish", Fault::Vanish},
+      {"TermCharCompletion", Fault::TermCharCompletion},
+      {"MaxCountCompletion", Fault::MaxCountCompletion},
   };
   for (const auto &[text, fault] : kFaults)
     if (name == text) return fault;

@@ -110,7 +110,7 @@ ViStatus Instrument::read(Session &s, uint8_t *bytes, size_t count, size_t &deli
   if (delivered < left) return VI_SUCCESS_MAX_CNT;
   s.reply.clear();
   s.replyRead = 0;
-  return VI_SUCCESS;
+  return std::exchange(completion_, VI_SUCCESS);
 }
 
 void Instrument::inject(Fault fault) {
@@ -121,6 +121,8 @@ void Instrument::inject(Fault fault) {
     case Fault::ShortReply: shortReply_ = true; break;
     case Fault::Timeout: timeout_ = true; break;
     case Fault::Vanish: vanished_.store(true, std::memory_order_release); break;
+    case Fault::TermCharCompletion: completion_ = VI_SUCCESS_TERM_CHAR; break;
+    case Fault::MaxCountCompletion: completion_ = VI_SUCCESS_MAX_CNT; break;
   }
 }
 

@@ -77,6 +77,7 @@ class Instrument {
   bool failureReply_ = false;
   bool shortReply_ = false;
   bool timeout_ = false;
+  ViStatus completion_ = VI_SUCCESS;  // status of the next whole reply read
   std::atomic<bool> vanished_{false};
 };
 

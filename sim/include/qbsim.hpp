@@ -123,6 +123,10 @@ enum class Fault {
   ShortReply,     // next reply is 2 bytes long
   Timeout,        // next viRead returns VI_ERROR_TMO
   Vanish,         // instrument gone: every later call fails VI_ERROR_CONN_LOST
+  // The next read that delivers a whole reply ends with this positive VISA
+  // completion code instead of VI_SUCCESS (a success all the same).
+  TermCharCompletion,  // VI_SUCCESS_TERM_CHAR
+  MaxCountCompletion,  // VI_SUCCESS_MAX_CNT
 };
 
 // The bench every VISA call sees. Functions are thread-safe.
@@ -197,7 +201,8 @@ int qbsim_use_default_bench(void);
 // every session.
 int qbsim_reset(void);
 // Arms a fault on `resource`: "WriteFails", "ReadFails", "FailureReply",
-// "ShortReply", "Timeout" or "Vanish" (see qbsim::Fault). -1 for an unknown
+// "ShortReply", "Timeout", "Vanish", "TermCharCompletion" or
+// "MaxCountCompletion" (see qbsim::Fault). -1 for an unknown
 // resource or kind.
 int qbsim_inject_fault(const char *resource, const char *kind);
 // The bench as first described (bench-file JSON) into `buffer`, cut to size;
