@@ -48,6 +48,10 @@ class Fault(str, enum.Enum):
     SHORT_REPLY = "ShortReply"       # next reply is 2 bytes long
     TIMEOUT = "Timeout"              # next read times out
     VANISH = "Vanish"                # the instrument is gone for good
+    # The next reply arrives whole but ends with a positive VISA completion
+    # code (end character / buffer full), which callers must take as success.
+    TERM_CHAR_COMPLETION = "TermCharCompletion"
+    MAX_COUNT_COMPLETION = "MaxCountCompletion"
 
 
 def _candidates(visa_library: Optional[str]) -> List[str]:

@@ -119,6 +119,13 @@ def test_exchange_faults(qbvisa_chassis, qbvisa_inject, fault, cls):
     assert qbvisa_chassis.hardware_versions()[0] == "3.1"
 
 
+@pytest.mark.parametrize("fault", [qbvisa.sim.Fault.TERM_CHAR_COMPLETION,
+                                   qbvisa.sim.Fault.MAX_COUNT_COMPLETION])
+def test_positive_completion_is_success(qbvisa_chassis, qbvisa_inject, fault):
+    qbvisa_inject(fault.value)
+    assert qbvisa_chassis.hardware_versions()[0] == "3.1"
+
+
 def test_identity_text_commands_and_update(qbvisa_chassis, tmp_path):
     c = qbvisa_chassis
     info = c.info()
