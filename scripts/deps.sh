@@ -24,14 +24,17 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# playwright-core for the browser tests, exactly as locked; it drives
-# /usr/bin/chromium, so no browser is downloaded.
+# playwright-core for the browser tests, exactly as locked, from the
+# registry's own package file kept in tests/browser/vendor: it installs
+# offline, so a machine needs no route to the npm registry. It drives
+# /usr/bin/chromium, so no browser is downloaded either.
 browser_tests="$(dirname "$0")/../tests/browser"
 locked=$(sed -n '/"node_modules\/playwright-core"/,/version/s/.*"version": "\(.*\)".*/\1/p' \
          "$browser_tests/package-lock.json")
 installed=$(sed -n 's/^  "version": "\(.*\)".*/\1/p' \
             "$browser_tests/node_modules/playwright-core/package.json" 2>/dev/null || true)
 if [ "$installed" != "$locked" ]; then
-  echo "installing playwright-core $locked (npm ci in tests/browser)"
-  (cd "$browser_tests" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error)
+  echo "installing playwright-core $locked (npm ci --offline in tests/browser)"
+  (cd "$browser_tests" && PLAYWRIGHT_SKIP_BROWSER_DOWNLOAD=1 \
+     npm ci --offline --no-audit --no-fund --loglevel=error)
 fi
