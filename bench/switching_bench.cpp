@@ -11,6 +11,9 @@
 //                                   valgrind --tool=callgrind; the pattern
 //                                   closes every 13th point (default),
 //                                   every point, or none (all words zero)
+//   switching_bench --calls=N --text=LINE [--chassis=...]
+//                                   N text commands LINE (e.g.
+//                                   ":CLOSe (@0(1!1:12!48))") instead
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -95,10 +98,14 @@ void BM_OpMatrix_RK422(benchmark::State &state) { switchPattern(state, 1); }
 BENCHMARK(BM_OpMatrix_RK420);
 BENCHMARK(BM_OpMatrix_RK422);
 
-int runCalls(long calls, const char *only) {
+int runCalls(long calls, const char *only, const char *text) {
   for (Chassis &c : bench()) {
     if (only != nullptr && std::strcmp(only, c.model) != 0) continue;
     for (long i = 0; i < calls; ++i) {
+      if (text != nullptr) {
+        if (QBVISA_SCPIWrite(c.session, text) != 0) return 1;
+        continue;
+      }
       if (QBVISA_OpMatrix(c.session, 0, c.words.data(),
                           static_cast<uint32_t>(c.words.size())) != 0)
         return 1;
@@ -112,17 +119,20 @@ int runCalls(long calls, const char *only) {
 int main(int argc, char **argv) {
   long calls = -1;
   const char *only = nullptr;
+  const char *text = nullptr;
   for (int i = 1; i < argc; ++i) {
     if (std::strncmp(argv[i], "--calls=", 8) == 0)
       calls = std::strtol(argv[i] + 8, nullptr, 10);
     else if (std::strncmp(argv[i], "--chassis=", 10) == 0)
       only = argv[i] + 10;
+    else if (std::strncmp(argv[i], "--text=", 7) == 0)
+      text = argv[i] + 7;
     else if (std::strcmp(argv[i], "--pattern=all") == 0)
       patternStep = 1;
     else if (std::strcmp(argv[i], "--pattern=empty") == 0)
       patternStep = 0;
   }
-  if (calls >= 0) return runCalls(calls, only);
+  if (calls >= 0) return runCalls(calls, only, text);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

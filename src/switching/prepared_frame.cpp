@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
+#include <atomic>
+#include <thread>
 
 #include "core/chassis_model.h"
 #include "switching/relay_frame.h"
@@ -89,10 +90,13 @@ int locationTables(uint32_t kind, TableRef (&tables)[4]) {
 }
 
 struct PreparedSlot {
-  std::mutex lock;
+  std::atomic<bool> busy;  // held while a call builds or reads the entry
   bool built;   // inputs and locations hold what the entry was built from
   bool usable;  // the table covers these inputs
   SlotInputs inputs;
+  // Rules of the model and kind the inputs name.
+  bool ltRelays, deadBits;
+  int32_t closureLimit;
   uint8_t locations[kLocationBytes];
   int stride;              // table entries per point
   uint32_t points;         // points the builder reads
@@ -101,6 +105,21 @@ struct PreparedSlot {
   uint32_t stops[kMaxWords];
   // Per point, `stride` frame bit numbers (payloadWords * 16: not sent).
   uint16_t where[kTableEntries];
+};
+
+// Calls switching one chassis from several threads take turns on its entry;
+// calls on different chassis never meet here.
+class EntryLock {
+ public:
+  explicit EntryLock(std::atomic<bool> &busy) : busy_(busy) {
+    while (busy_.exchange(true, std::memory_order_acquire)) std::this_thread::yield();
+  }
+  ~EntryLock() { busy_.store(false, std::memory_order_release); }
+  EntryLock(const EntryLock &) = delete;
+  EntryLock &operator=(const EntryLock &) = delete;
+
+ private:
+  std::atomic<bool> &busy_;
 };
 
 // Beside the registry: one entry per usable record and slot.
@@ -164,6 +183,12 @@ void build(PreparedSlot &entry, const SlotInputs &in) {
   const ChassisModel *kindModel = modelByKind(in.kind);
   if (tableCount == 0 || kindModel == nullptr) return;
   const ChassisModel *model = modelByType(in.modelTypeCode);
+  entry.ltRelays = model != nullptr && model->hasLtRelays;
+  entry.deadBits = deadBitsOf(in);
+  entry.closureLimit =
+      model != nullptr && model->closureLimit != 0 && kindModel->closureLimit != 0
+          ? kindModel->closureLimit
+          : INT32_MAX;
   const int boards = in.groupCount;
   const int words = in.wordsPerGroup;
   const uint32_t payload = static_cast<uint32_t>(boards * words);
@@ -176,7 +201,7 @@ void build(PreparedSlot &entry, const SlotInputs &in) {
   const uint32_t points = std::min<uint32_t>(in.pointCount, kMaxPoints);
   if (points * static_cast<uint32_t>(stride) > kTableEntries) return;
   const uint16_t unsent = static_cast<uint16_t>(payload * kRelaysPerBitGroup);
-  const bool deadBits = deadBitsOf(in);
+  const bool deadBits = entry.deadBits;
   std::fill_n(entry.where, points * static_cast<uint32_t>(stride), unsent);
   std::fill_n(entry.stops, (points + 31) / 32, 0u);
   const uint32_t columns = in.columnCount;
@@ -214,22 +239,28 @@ void refresh(PreparedSlot &entry, const ChassisRecord &record) {
     build(entry, in);
 }
 
-// Sets the frame bits of every closed point of `bits` (points first*32 on).
+// Sets the frame bits of every closed point of `bits` (points first*32 on);
+// *placed counts the points.
 template <int Stride>
 inline void place(const uint16_t *where, uint32_t first, uint32_t bits,
-                  uint16_t *payload) {
+                  uint16_t *payload, uint32_t *placed) {
+  uint32_t count = 0;
   while (bits != 0) {
+    ++count;
     const uint32_t p = first + static_cast<uint32_t>(std::countr_zero(bits));
     bits &= bits - 1;
     const uint16_t *at = where + p * Stride;
     for (int r = 0; r < Stride; ++r)
       payload[at[r] >> 4] |= static_cast<uint16_t>(1u << (at[r] & 15u));
   }
+  *placed += count;
 }
 
+// Places the closed points below `end`; true when a closed point outside
+// the geometry ended the placing. *placed counts the points placed.
 template <int Stride>
 bool placeAll(const PreparedSlot &entry, const uint32_t *array, uint32_t end,
-              uint16_t *payload) {
+              uint16_t *payload, uint32_t *placed) {
   const uint32_t full = end / 32;
   const uint32_t rest = end % 32;
   for (uint32_t i = 0; i < full + (rest != 0 ? 1 : 0); ++i) {
@@ -239,10 +270,10 @@ bool placeAll(const PreparedSlot &entry, const uint32_t *array, uint32_t end,
     if (stop != 0) {
       // The points before the first closed one outside the geometry go out.
       place<Stride>(entry.where, i * 32, bits & ((stop & (0u - stop)) - 1u),
-                    payload);
+                    payload, placed);
       return true;
     }
-    place<Stride>(entry.where, i * 32, bits, payload);
+    place<Stride>(entry.where, i * 32, bits, payload, placed);
   }
   return false;
 }
@@ -271,7 +302,7 @@ int32_t buildPreparedFrame(ChassisRecord &record, const uint32_t *array,
   // sent.
   if (slot.groupCount > kImageBoards || slot.wordsPerGroup > kBitGroupsPerBoard)
     return QBVISA_ERR_PARAMETER;
-  std::lock_guard<std::mutex> guard(entry->lock);
+  const EntryLock guard(entry->busy);
   refresh(*entry, record);
   if (!entry->usable) return kNotPrepared;
 
@@ -285,15 +316,16 @@ int32_t buildPreparedFrame(ChassisRecord &record, const uint32_t *array,
                              uint32_t{INT32_MAX}, kMaxWords});
   const uint32_t end = std::min(entry->points, count * 32);
   bool stopped = false;
+  uint32_t placed = 0;
   switch (entry->stride) {
-    case 2: stopped = placeAll<2>(*entry, array, end, payload); break;
-    case 3: stopped = placeAll<3>(*entry, array, end, payload); break;
-    default: stopped = placeAll<4>(*entry, array, end, payload); break;
+    case 2: stopped = placeAll<2>(*entry, array, end, payload, &placed); break;
+    case 3: stopped = placeAll<3>(*entry, array, end, payload, &placed); break;
+    default: stopped = placeAll<4>(*entry, array, end, payload, &placed); break;
   }
-  const ChassisModel *model = modelByType(record.modelTypeCode);
-  if (!stopped && model != nullptr && model->hasLtRelays) {
+  uint32_t mostClosed = placed * static_cast<uint32_t>(entry->stride);
+  if (!stopped && entry->ltRelays) {
     // The LT relays sit on the first board, after the points.
-    const bool deadBits = deadBitsOf(entry->inputs);
+    const bool deadBits = entry->deadBits;
     const uint16_t unsent = static_cast<uint16_t>(payloadWords * 16);
     const uint16_t ltCount =
         std::min<uint16_t>(slot.ltIsolationCount, sizeof slot.ltIsolationState);
@@ -305,10 +337,12 @@ int32_t buildPreparedFrame(ChassisRecord &record, const uint32_t *array,
           frameBit(0, where.group, where.position, slot.groupCount,
                    slot.wordsPerGroup, deadBits, unsent);
       payload[bit >> 4] |= static_cast<uint16_t>(1u << (bit & 15u));
+      ++mostClosed;
     }
   }
-  const uint32_t closed = countClosed(payload, payloadWords);
-  if (closed > static_cast<uint32_t>(slotClosureLimit(record)))
+  // Relays are counted only when the points placed could pass the limit.
+  const auto limit = static_cast<uint32_t>(entry->closureLimit);
+  if (mostClosed > limit && countClosed(payload, payloadWords) > limit)
     return QBVISA_ERR_CLOSURE_LIMIT;
   frame[0] = kRelayStateCommand;
   frame[1] = static_cast<uint16_t>(payloadWords * 2);
@@ -319,7 +353,7 @@ int32_t buildPreparedFrame(ChassisRecord &record, const uint32_t *array,
 void prepareSlotFrame(ChassisRecord &record) {
   PreparedSlot *entry = entryOf(record);
   if (entry == nullptr) return;
-  std::lock_guard<std::mutex> guard(entry->lock);
+  const EntryLock guard(entry->busy);
   refresh(*entry, record);
 }
 
