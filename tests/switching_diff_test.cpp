@@ -99,11 +99,12 @@ uint64_t seedOfRun() {
 
 // A location entry of the slot's kind, to bend and restore.
 PointLocation *locationEntry(uint32_t kind, std::mt19937_64 &rng) {
+  const uint64_t row = rng(), column = rng();
   switch (kind) {
-    case MATRIX_KIND_RK420: return &(rng() % 2 ? isoLocationX : matrixLocation)[rng() % 12][rng() % 10];
-    case MATRIX_KIND_RK421: return &RK421_isoLocationCV[4 + rng() % 2][rng() % 12];
-    case MATRIX_KIND_RK422: return &RK422_matrixLocation[rng() % 16][rng() % 96];
-    default: return &RK423_isoLocationLT[rng() % 2][0];
+    case MATRIX_KIND_RK420: return row % 2 ? &isoLocationX[row / 2 % 12][column % 10] : &matrixLocation[row / 2 % 12][column % 10];
+    case MATRIX_KIND_RK421: return &RK421_isoLocationCV[4 + row % 2][column % 12];
+    case MATRIX_KIND_RK422: return &RK422_matrixLocation[row % 16][column % 96];
+    default: return &RK423_isoLocationLT[row % 2][0];
   }
 }
 
