@@ -4,10 +4,16 @@
 //
 //   switching_bench                 Google Benchmark run
 //   switching_bench --calls=N [--chassis=RK420|RK422]
+//                   [--pattern=every13|all|empty]
 //                                   N plain calls per chassis (or on the
 //                                   one named) and nothing else, for
 //                                   instruction counts under
-//                                   valgrind --tool=callgrind
+//                                   valgrind --tool=callgrind; the pattern
+//                                   closes every 13th point (default),
+//                                   every point, or none (all words zero)
+//   switching_bench --calls=N --text=LINE [--chassis=...]
+//                                   N text commands LINE (e.g.
+//                                   ":CLOSe (@0(1!1:12!48))") instead
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -27,17 +33,20 @@ struct Chassis {
   std::vector<uint32_t> words;
 };
 
-// Every 13th point: 46 points on the RK420 (well inside its closure
-// limit), 2482 on the RK422 across all 21 boards.
-std::vector<uint32_t> pattern(uint32_t session) {
+// Every `step`th point (0: none). Every 13th: 46 points on the RK420 (well
+// inside its closure limit), 2482 on the RK422 across all 21 boards; every
+// point: the RK422 (no limit) with all its relays closed.
+std::vector<uint32_t> pattern(uint32_t session, uint32_t step) {
   ChassisRecord *record = nullptr;
   FindChassis(static_cast<int32_t>(session), &record);
   const SlotArea &slot = record->slots[0];
   std::vector<uint32_t> words(slot.arrayWordLimit, 0);
-  for (uint32_t p = 0; p < slot.pointCount; p += 13)
+  for (uint32_t p = 0; step != 0 && p < slot.pointCount; p += step)
     words[p / 32] |= 1u << (p % 32);
   return words;
 }
+
+uint32_t patternStep = 13;
 
 // One RK420 and one RK422, opened and initialised.
 std::vector<Chassis> &bench() {
@@ -65,7 +74,7 @@ std::vector<Chassis> &bench() {
           QBVISA_OpenSpecifiedCard(c.session, 0, &kind) != 0 ||
           QBVISA_Init(c.session, 0) != 0)
         std::abort();
-      c.words = pattern(c.session);
+      c.words = pattern(c.session, patternStep);
       ready.push_back(c);
     }
     return ready;
@@ -89,10 +98,14 @@ void BM_OpMatrix_RK422(benchmark::State &state) { switchPattern(state, 1); }
 BENCHMARK(BM_OpMatrix_RK420);
 BENCHMARK(BM_OpMatrix_RK422);
 
-int runCalls(long calls, const char *only) {
+int runCalls(long calls, const char *only, const char *text) {
   for (Chassis &c : bench()) {
     if (only != nullptr && std::strcmp(only, c.model) != 0) continue;
     for (long i = 0; i < calls; ++i) {
+      if (text != nullptr) {
+        if (QBVISA_SCPIWrite(c.session, text) != 0) return 1;
+        continue;
+      }
       if (QBVISA_OpMatrix(c.session, 0, c.words.data(),
                           static_cast<uint32_t>(c.words.size())) != 0)
         return 1;
@@ -106,13 +119,20 @@ int runCalls(long calls, const char *only) {
 int main(int argc, char **argv) {
   long calls = -1;
   const char *only = nullptr;
+  const char *text = nullptr;
   for (int i = 1; i < argc; ++i) {
     if (std::strncmp(argv[i], "--calls=", 8) == 0)
       calls = std::strtol(argv[i] + 8, nullptr, 10);
     else if (std::strncmp(argv[i], "--chassis=", 10) == 0)
       only = argv[i] + 10;
+    else if (std::strncmp(argv[i], "--text=", 7) == 0)
+      text = argv[i] + 7;
+    else if (std::strcmp(argv[i], "--pattern=all") == 0)
+      patternStep = 1;
+    else if (std::strcmp(argv[i], "--pattern=empty") == 0)
+      patternStep = 0;
   }
-  if (calls >= 0) return runCalls(calls, only);
+  if (calls >= 0) return runCalls(calls, only, text);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

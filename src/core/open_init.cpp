@@ -7,6 +7,7 @@
 #include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
+#include "switching/prepared_frame.h"
 
 namespace {
 
@@ -224,6 +225,9 @@ QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
   if (record == nullptr) return QBVISA_ERR_HANDLE;
   slot = effectiveSlot(*record, slot);
   InitPointInfo();
+  // The switching table of the chassis's own matrix is built now rather
+  // than on the first switching call.
+  prepareSlotFrame(*record);
   if (takesCards(*record)) {
     const int32_t status = refreshFirmwareVersion(*record);
     if (status < 0) return status;

@@ -5,6 +5,7 @@
 
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
+#include "switching/prepared_frame.h"
 #include "switching/relay_frame.h"
 
 namespace {
@@ -59,6 +60,15 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
   // Only the chassis's own matrix is switched by relay-state frames.
   if (slot != 0) return QBVISA_ERR_UNKNOWN_CARD_TYPE;
 
+  // A registry record's slot keeps a table that takes the caller's words
+  // straight to the frame; any other record goes point by point.
+  uint16_t frame[qbvisa::kRelayFrameWords];
+  int32_t frameBytes = 0;
+  int32_t status =
+      qbvisa::buildPreparedFrame(*record, array, words, frame, &frameBytes);
+  if (status == 0) status = qbvisa::sendRelayFrame(*record, frame, frameBytes, locked);
+  if (status != qbvisa::kNotPrepared) return status < 0 ? status : 0;
+
   // The frame builder reads the slot's points only; those the caller's
   // words do not reach start open.
   uint8_t points[qbvisa::kPointListBytes];
@@ -68,9 +78,7 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
   UserArrayToMatrixPoints(
       array, record->slots[0].arrayWordLimit,
       static_cast<int32_t>(std::min<uint32_t>(words, INT32_MAX)), points);
-
-  uint16_t frame[qbvisa::kRelayFrameWords];
-  const int32_t status = SendRelayStateType0(record, points, frame, locked);
+  status = SendRelayStateType0(record, points, frame, locked);
   return status < 0 ? status : 0;
 }
 

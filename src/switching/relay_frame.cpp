@@ -8,6 +8,7 @@
 #include "core/chassis_model.h"
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
+#include "switching/prepared_frame.h"
 #include "wiring/crosspoint_wiring.h"
 
 namespace {
@@ -128,7 +129,6 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
   const ChassisModel *kindModel = modelByKind(slot.matrixKind);
   const bool deadBits = kindModel != nullptr && kindModel->shortBoardDeadBits &&
                         words == kShortBoardWords;
-  const ChassisModel *model = modelByType(record->modelTypeCode);
 
   int32_t closed = 0;
   for (int board = 0; board < boards; ++board) {
@@ -148,23 +148,9 @@ QBVISA_EXPORT int32_t SendRelayStateType0(ChassisRecord *record,
     }
   }
 
-  // A short reply must not be judged on what an earlier exchange left.
-  std::memset(record->replyBuffer, 0, sizeof record->replyBuffer);
   const int32_t frameBytes =
       payloadBytes + static_cast<int32_t>(kFrameHeaderWords * 2);
-  const int32_t status =
-      locked != 0
-          ? SendRecvMsgLock(record->session, frame, frameBytes,
-                            record->replyBuffer)
-          : SendRecvMsg(record->session, reinterpret_cast<uint8_t *>(frame),
-                        frameBytes, record->replyBuffer);
-  if (status < 0) return status;
-  // Under front-panel control a model with a front panel refuses relay
-  // frames this way.
-  if (model != nullptr && model->hasPortsAndControlMode &&
-      record->replyBuffer[0] == 0xFF)
-    return QBVISA_ERR_CONTROL_MODE_CONFLICT;
-  return 0;
+  return sendRelayFrame(*record, frame, frameBytes, locked);
 }
 
 }  // extern "C"
