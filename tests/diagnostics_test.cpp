@@ -124,7 +124,9 @@ struct ImageFile {
 
 TEST(OnlineUpdate, StreamsTheImageInChunksAndTheChassisTakesIt) {
   const uint32_t session = Connect();
-  for (const size_t size : {2048u, 2500u}) {  // whole chunks, then a short last one
+  // Whole chunks, a short last one, and an image whose byte sum needs all
+  // four bytes of the sum and of the size.
+  for (const size_t size : {2048u, 2500u, 140000u}) {
     SCOPED_TRACE(size);
     qbsim::clearTraffic(kName);
     const ImageFile image(size);
@@ -133,7 +135,7 @@ TEST(OnlineUpdate, StreamsTheImageInChunksAndTheChassisTakesIt) {
     const auto writes = qbsim::writes(kName);
     const size_t chunks = (size + 1023) / 1024;
     ASSERT_EQ(writes.size(), chunks + 2);
-    EXPECT_EQ(Words(writes.front()), (std::vector<uint16_t>{96, 0, uint16_t(size), 0}));
+    EXPECT_EQ(Words(writes.front()), (std::vector<uint16_t>{96, 0, uint16_t(size), uint16_t(size >> 16)}));
     for (size_t i = 0; i < chunks; ++i) {  // the length field carries the chunk's size
       const size_t length = std::min<size_t>(1024, size - i * 1024);
       Bytes expected = {97, 0, uint8_t(length), uint8_t(length >> 8)};

@@ -72,6 +72,8 @@ TEST(SetSerialNumbers, Refusals) {
       {kChassis, "4307312974", "3", QBVISA_ERR_SN_INPUT, {}},  // 2^32 + 12345678 must not wrap
       {kChassis, "12345678", nullptr, QBVISA_ERR_BAD_HW_NUMBER, {}},
       {kChassis, "12345678", "4294967299", QBVISA_ERR_BAD_HW_NUMBER, {}},
+      {kChassis, "12345678", "1234567890", QBVISA_ERR_BAD_HW_NUMBER, {}},
+      {kChassis, "12345678", "0123456789", 0, {2, 14}},  // nine digits still fit
       {0, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},
       {7, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},
       {7, "12345678", "x", QBVISA_ERR_BAD_HW_NUMBER, {}},

@@ -175,6 +175,19 @@ TEST(LocationTables, FillersRewriteExactlyTheirOwnTableEveryTime) {
   }
 }
 
+// The sizes older programs read from the library, and the counters they
+// expect to find at their starting values.
+TEST(ExportedValues, HoldWhatOlderProgramsRead) {
+  EXPECT_EQ(std::vector<int32_t>({MATRIXPOINTCOUNT, GX3_SUBMATRIXCOL, GX4_SUBMATRIXCOL,
+                                  GX4_MATRIXPOINTCOUNT, GX4C_SUBMATRIXCOL, GX4C_MATRIXPOINTCOUNT,
+                                  GX4Mix_SUBMATRIXCOL, GX4Mix_MATRIXPOINTCOUNT}),
+            std::vector<int32_t>({600, 7, 7, 800, 7, 800, 7, 800}));
+  EXPECT_EQ(std::vector<int32_t>({LXICHASSIS, chassisThreads, fdtmp, devicecount420, devicecount421,
+                                  devicecount422, devicecount423, MATRIXARRAYSIZE,
+                                  first_findrsc, currentOpSwitch}),
+            std::vector<int32_t>({0, 0, -1, 0, 0, 0, 0, 0, 1, 0}));
+}
+
 class GetPointTest : public ::testing::Test {
  protected:
   void SetUp() override { InitPointInfo(); }

@@ -69,6 +69,9 @@ TEST(OpenTest, SlotsPerModelCardAndFirmware) {
       {"RK420 slot 3", chassisConfig(Model::RK420), 3, QBVISA_ERR_PARAMETER, {}},
       {"RK421 any slot is 0", chassisConfig(Model::RK421, 1, 0), 2, 0,
        {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}, {kPresenceQuery}},
+      {"RK421 3.6", chassisConfig(Model::RK421), 0, 0, {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}},
+      {"RK423B 1.0", chassisConfig(Model::RK423B, 1, 0), 0, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1}},
+      {"RK422 1.0", chassisConfig(Model::RK422, 1, 0), 0, 0, {2, 1008, 16, 96, 21, 21, 49, 32256, 0, -1}},
       {"RK422 mask byte 4", fitted(chassisConfig(Model::RK422), 0x100001), 0, 0,
        {2, 1008, 16, 96, 21, 21, 49, 32256, 0, 2}},
       {"RK423 any slot is 0", chassisConfig(Model::RK423), 1, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1},
@@ -131,6 +134,18 @@ TEST(OpenTest, BadSessionsRecordsAndPositions) {
   EXPECT_GE(GetSlotHW(c.record, 18), 0);
   for (int32_t n : {19, -2, INT32_MIN}) EXPECT_EQ(GetSlotHW(c.record, n), QBVISA_ERR_PARAMETER);
   EXPECT_EQ(GetSlotHW(nullptr, 6), QBVISA_ERR_PARAMETER);
+}
+
+// Controllers from 3.06 on use the newer reply layouts.
+TEST(OpenTest, NewLayoutFromFirmware306) {
+  const struct { uint8_t major, minor; bool newer; } cases[] = {
+      {2, 99, false}, {3, 0, false}, {3, 5, false}, {3, 6, true}, {3, 7, true}, {4, 0, true}, {255, 0, true}};
+  ChassisRecord record{};
+  for (const auto &c : cases) {
+    record.firmwareMajor = c.major, record.firmwareMinor = c.minor;
+    EXPECT_EQ(IsNewVer_3_06(&record), c.newer) << int{c.major} << "." << int{c.minor};
+  }
+  EXPECT_FALSE(IsNewVer_3_06(nullptr));
 }
 
 TEST(InitTest, Failures) {

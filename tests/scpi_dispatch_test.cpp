@@ -157,8 +157,12 @@ TEST_F(ScpiBench, CrosspointsFollowTheFortyEightColumnLayout) {
   // Row 2, column 1 is the same point as row 1, column 49.
   EXPECT_EQ(query(remote421, "[:ROUTe]:OPEN (@1(1!1,2!1,250!48))"), kOperated);
   for (int word : {0, 1, 374}) EXPECT_EQ(imageWord(remote421, word), 0u) << word;
+  // Opening a point that is open leaves it open.
+  EXPECT_EQ(query(remote421, ":OPEN (@1(1!1))"), kOperated);
+  EXPECT_EQ(imageWord(remote421, 0), 0u);
+  EXPECT_TRUE(qbsim::closedRelays(kRemote421).empty());
   // Every switch was one relay-state frame.
-  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{19, 19, 19}));
+  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{19, 19, 19, 19}));
 
   // Closing every point of the image is more than any chassis may close; the
   // image keeps the attempt.

@@ -125,7 +125,7 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
       {"1!1", 0, {}, ""}, {"(@1(1234567890!1))", 1, {{1234567890, 1}}, ""},
       {"(@1(1!0000000000000000000007))", 1, {{1, 7}}, ""},
       // Errors; parsing goes on with the next item.
-      {"(@1(0!1))", 1, {}, kBadPoint}, {"(@1(1!1,5,2!2))", 1, {{1, 1}, {2, 2}}, kBadPoint},
+      {"(@1(0!1))", 1, {}, kBadPoint}, {"(@1(1!0))", 1, {}, kBadPoint}, {"(@1(1!1,5,2!2))", 1, {{1, 1}, {2, 2}}, kBadPoint},
       {"(@1(0!1,1!1:2))", 1, {}, "Error: Invalid range format."},
       {"(@1(1!1:0!2))", 1, {}, kBadPoint}, {"(@1(00000000001!1))", 1, {}, kBadPoint},
       {"(@1(9999999999!1))", 1, {}, kBadPoint}, {"(@1(1!1:1!4294967297))", 1, {}, kBadPoint},

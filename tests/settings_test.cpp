@@ -99,6 +99,12 @@ TEST(Rk421Settings, RequestsAndReadBack) {
   EXPECT_EQ(qbsim::writes(serial),
             (std::vector<Bytes>{{24, 0, 0, 0}, {20, 0, 0, 0, 30, 0}, {22, 0, 0, 0}, {21, 0, 0, 0, 0x80, 0x25, 0, 0},
                                 {21, 0, 0, 0, 0x00, 0xC2, 0x01, 0x00}, {23, 0, 0, 0}, {25, 0, 0, 0}}));
+  {  // the rate's top byte is read too
+    qbtest::Scope tap;
+    qbtest::onRead = [](uint8_t *reply, uint32_t count) { if (count >= 6) reply[5] = 0x40; };
+    ASSERT_EQ(QBVISA_GetBaudRate(session, &rate), 0);
+    EXPECT_EQ(rate, 0x4001C200u);
+  }
   char kept[16] = "untouched";
   qbsim::injectFault(serial, qbsim::Fault::ReadFails);
   EXPECT_EQ(QBVISA_GetCOMMIPAddr(session, kept), QBVISA_ERR_RECEIVE);
