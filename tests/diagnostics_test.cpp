@@ -7,7 +7,7 @@
 #include <fstream>
 #include <numeric>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {

@@ -1,7 +1,7 @@
 // Serial numbers, card types and card sizes on the simulated bench.
 #include <gtest/gtest.h>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 
@@ -73,6 +73,7 @@ TEST(SetSerialNumbers, Refusals) {
       {kChassis, "12345678", nullptr, QBVISA_ERR_BAD_HW_NUMBER, {}},
       {kChassis, "12345678", "4294967299", QBVISA_ERR_BAD_HW_NUMBER, {}},
       {kChassis, "12345678", "1234567890", QBVISA_ERR_BAD_HW_NUMBER, {}},
+      {kChassis, "12345678", "0000000000000001", QBVISA_ERR_BAD_HW_NUMBER, {}},  // 16 characters
       {kChassis, "12345678", "0123456789", 0, {2, 14}},  // nine digits still fit
       {0, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},
       {7, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},

@@ -6,7 +6,7 @@
 #include <climits>
 #include <vector>
 
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 
@@ -134,6 +134,22 @@ TEST(OpenTest, BadSessionsRecordsAndPositions) {
   EXPECT_GE(GetSlotHW(c.record, 18), 0);
   for (int32_t n : {19, -2, INT32_MIN}) EXPECT_EQ(GetSlotHW(c.record, n), QBVISA_ERR_PARAMETER);
   EXPECT_EQ(GetSlotHW(nullptr, 6), QBVISA_ERR_PARAMETER);
+}
+
+// Record words older programs read: the frame layout words of slots 0 and
+// 1, the card words, and the LT isolation count.
+TEST(OpenTest, RecordWordsOlderProgramsRead) {
+  const auto bench = qbtest::connectBench({slot1(Model::RK420, 1), chassisConfig(Model::RK423)});
+  const Connection &rk420 = bench[0], &rk423 = bench[1];
+  uint64_t kind = 0;
+  for (uint64_t slot : {0u, 1u}) ASSERT_EQ(QBVISA_OpenSpecifiedCard(rk420.session, slot, &kind), 0);
+  ASSERT_EQ(QBVISA_OpenSpecifiedCard(rk423.session, 0, &kind), 0);
+  const SlotArea &s0 = rk420.record->slots[0], &s1 = rk420.record->slots[1];
+  EXPECT_EQ(std::vector<int>({s0.geometryWords[0], s0.geometryWords[1], s1.geometryWords[0],
+                              s1.geometryWords[1], s1.cardWords[0], s1.cardWords[1],
+                              s1.cardWordsFollowing[0], s1.cardWordsFollowing[1], s1.cardExtra,
+                              rk423.record->slots[0].ltIsolationCount}),
+            std::vector<int>({6, 5, 4, 7, 13, 13, 12, 12, 12, 2}));
 }
 
 // Controllers from 3.06 on use the newer reply layouts.

@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
@@ -59,6 +59,9 @@ TEST(Settings, RefusalsSendNothingAndReleaseTheMutex) {
       {[](uint32_t s) { return QBVISA_GetCOMMIPAddr(s, text); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_SetGPIBAddress(s, 7); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_SetBaudRate(s, 9600); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 19200); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 38400); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 57600); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_GetLANMode(s, &mode); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
   };
   const auto run = [](int32_t (*call)(uint32_t), uint32_t session) {

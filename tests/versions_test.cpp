@@ -5,7 +5,7 @@
 #include <cstring>
 #include <optional>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
