@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "bench.hpp"
+#include "support/wire_tap.hpp"
 
 namespace {
 
@@ -150,6 +151,19 @@ TEST(OpenTest, RecordWordsOlderProgramsRead) {
                               s1.cardWordsFollowing[0], s1.cardWordsFollowing[1], s1.cardExtra,
                               rk423.record->slots[0].ltIsolationCount}),
             std::vector<int>({6, 5, 4, 7, 13, 13, 12, 12, 12, 2}));
+}
+
+// An identity query read back with no bytes at all names no card type.
+TEST(OpenTest, EmptyIdentityReplyIsNoCardType) {
+  const Connection c = qbtest::connectChassis(slot2(Model::RK420, 3, 6));
+  qbtest::Scope tap;
+  static bool identity = false;
+  qbtest::onWrite = [](Bytes &frame) { identity = frame[0] == 8; };
+  qbtest::onRead = [](uint8_t *reply, uint32_t &count) {
+    if (identity) std::fill(reply, reply + count, 0), count = 0;
+  };
+  uint64_t kind = 0;
+  EXPECT_EQ(QBVISA_OpenSpecifiedCard(c.session, 2, &kind), QBVISA_ERR_UNKNOWN_CARD_TYPE);
 }
 
 // Controllers from 3.06 on use the newer reply layouts.
