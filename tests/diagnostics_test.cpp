@@ -51,15 +51,15 @@ TEST(SelfTest, VerdictTextAndCode) {
 }
 
 TEST(BoardsAndLoops, FlagsOfFourPositions) {
-  const uint32_t session = Connect({1, 0, 1, 0}, {1, 0, 0, 1});
+  const uint32_t session = Connect({0, 1, 0, 1}, {1, 0, 0, 1});
   for (uint64_t position = 0; position < 4; ++position) {
-    EXPECT_EQ(QBVISA_BoardInPlace(session, position), position % 2 == 0 ? 0 : QBVISA_ERR_CARD_IN_PLACE);
+    EXPECT_EQ(QBVISA_BoardInPlace(session, position), position % 2 == 1 ? 0 : QBVISA_ERR_CARD_IN_PLACE);
   }
   int32_t values[5] = {9, 9, 9, 9, 9};
   uint32_t count = 0;
   ASSERT_EQ(QBVISA_BoardInPlaceInfo(session, values, &count), 0);
   EXPECT_EQ(count, 4u);
-  EXPECT_EQ(std::vector<int32_t>(values, values + 5), (std::vector<int32_t>{1, 0, 1, 0, 9}));
+  EXPECT_EQ(std::vector<int32_t>(values, values + 5), (std::vector<int32_t>{0, 1, 0, 1, 9}));
   EXPECT_EQ(qbsim::writes(kName), std::vector<Bytes>(5, Bytes{81, 0, 0, 0}));
   qbsim::clearTraffic(kName);
   ASSERT_EQ(QBVISA_SPILoopTestInfo(session, 2, values, &count), 0);  // a broken loop is a result

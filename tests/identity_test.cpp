@@ -28,6 +28,9 @@ TEST(SetSN, SpreadsTheSerialOverWordsThenApplies) {
   EXPECT_EQ(writes[0].size(), 24u);
   EXPECT_EQ(Words(writes[0]), (std::vector<uint16_t>{2, 0, 0, 188, 97, 78, 4, 0, 0, 0, 0, 0}));
   EXPECT_EQ(writes[1], (std::vector<uint8_t>{14, 0}));
+  qbsim::clearTraffic(kName);  // nine digits still convert: 123456789 = 0x075BCD15
+  ASSERT_EQ(QBVISA_SetSN(session, "12345678", "123456789"), 0);
+  EXPECT_EQ(Words(qbsim::writes(kName).at(0)).at(6), 0x15);
   // Serials are written blind: a chassis that does not answer is no error,
   // but it gets no apply either.
   for (const auto fault : {qbsim::Fault::WriteFails, qbsim::Fault::ReadFails, qbsim::Fault::FailureReply}) {

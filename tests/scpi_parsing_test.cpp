@@ -143,6 +143,13 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
   }
 }
 
+TEST(ListParsing, ParenthesesBalance) {
+  const std::pair<const char *, int> cases[] = {
+      {"(@1(1!1))", 1}, {"", 1}, {nullptr, 1}, {"(()", 0}, {")(", 0}, {"())(", 0}};
+  for (const auto &[text, balanced] : cases)
+    EXPECT_EQ(areParenthesesBalanced(text), balanced) << (text ? text : "null");
+}
+
 TEST(ListParsing, BoundsOfTheSliceAndOfTheRectangle) {
   std::string items;
   for (int i = 0; i < 100; ++i) items += "1!1,";
