@@ -106,7 +106,8 @@ Parsed parse(const std::string &text) {
     parsed.points.emplace_back(result.points[i].row, result.points[i].column);
   freeSCPIResult(&result);
   freeSCPIResult(&result);  // a second release is harmless
-  EXPECT_EQ(result.points, nullptr);
+  EXPECT_TRUE(result.points == nullptr && result.count == 0);  // released and emptied
+  freeSCPIResult(nullptr);
   return parsed;
 }
 
