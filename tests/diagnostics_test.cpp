@@ -137,7 +137,7 @@ TEST(OnlineUpdate, StreamsTheImageInChunksAndTheChassisTakesIt) {
     const auto writes = qbsim::writes(kName);
     const size_t chunks = (size + 1023) / 1024;
     ASSERT_EQ(writes.size(), chunks + 2);
-    EXPECT_EQ(Words(writes.front()), (std::vector<uint16_t>{96, 0, uint16_t(size), uint16_t(size >> 16)}));
+    EXPECT_EQ(writes.front(), (Bytes{96, 0, 0, 0, uint8_t(size), uint8_t(size >> 8), uint8_t(size >> 16), 0}));
     for (size_t i = 0; i < chunks; ++i) {  // the length field carries the chunk's size
       const size_t length = std::min<size_t>(1024, size - i * 1024);
       Bytes expected = {97, 0, uint8_t(length), uint8_t(length >> 8)};
