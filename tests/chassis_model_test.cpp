@@ -91,6 +91,13 @@ TEST(ChassisModelTest, EveryCrosspointOfEveryModelHasARelayOnItsBoard) {
   }
 }
 
+// A card kind has no chassis row: its crosspoints close the matrix and Y
+// isolation relays only.
+TEST(ChassisModelTest, CardCrosspointsCloseTwoRelays) {
+  InitPointInfo();
+  EXPECT_EQ(pointRelays(nullptr, MATRIX_KIND_GX4_TYPE0, 20, 0, 0).count, 2);
+}
+
 TEST(ChassisModelTest, CardsHaveNamesAndSizes) {
   for (const CardType &card : cardTypes()) {
     EXPECT_EQ(cardByTypeByte(card.typeByte), &card);
