@@ -2,7 +2,10 @@
 // row that contradicts itself or another row is a wiring fault on the wire.
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <iterator>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "core/chassis_model.h"
@@ -36,6 +39,40 @@ TEST(ChassisModelTest, RowsAreUniqueAndSelfConsistent) {
   EXPECT_EQ(modelByName(""), nullptr);
 }
 
+// Every field of every model and card row against the reviewed rows
+// (tests/data/chassis_models.txt): one wrong number in a geometry shows.
+TEST(ChassisModelTest, RowsMatchTheReviewedTable) {
+  std::ostringstream out;
+  const auto geometry = [&out](const MainGeometry &g) {
+    out << " " << g.arrayWordLimit << "/" << g.rowCount << "/" << g.columnCount << "/"
+        << g.subMatrixCount << "/" << g.groupCount << "/" << g.wordsPerGroup << "/" << g.pointCount;
+  };
+  for (const ChassisModel &m : chassisModels()) {
+    out << m.name << " " << m.codeText << " " << m.typeCode << " slots " << m.slotCount << " sub "
+        << m.subMatrixCount << " kinds " << m.slot0Kind << "/" << m.slot2Kind << " ap "
+        << m.slot2PointCount << " geometry";
+    geometry(m.firstGeneration);
+    geometry(m.current);
+    out << " words " << m.geometryWords[0] << "/" << m.geometryWords[1] << " lt "
+        << m.ltIsolationCount << " limit " << m.closureLimit << " flags " << m.singleBoard
+        << m.hasPortsAndControlMode << m.rowBlocks << m.hasLtRelays << m.shortBoardDeadBits
+        << " clear " << m.clearCommand << " isoX " << m.isoXRows.first << ".." << m.isoXRows.last
+        << " isoCV " << m.isoCvRows.first << ".." << m.isoCvRows.last << " reversed "
+        << int{m.reversedColumns} << "\n";
+  }
+  for (const CardType &c : cardTypes())
+    out << "card " << int{c.typeByte} << " kind " << c.matrixKind << " " << c.arrayWordLimit << "/"
+        << c.rowCount << "/" << c.groupCount << "/" << c.wordsPerGroup << "/" << c.pointCount << "/"
+        << c.cardExtra << "\n";
+  for (uint32_t kind = 0; kind <= 13; ++kind) {
+    const char *name = cardNameOfKind(kind);
+    out << "kind " << kind << " " << (name ? name : "-") << " " << (name ? cardSizeOf(name) : "-")
+        << "\n";
+  }
+  std::ifstream file(QBVISA_TEST_DATA "/chassis_models.txt");
+  EXPECT_EQ(out.str(), std::string(std::istreambuf_iterator<char>(file), {}));
+}
+
 TEST(ChassisModelTest, EveryCrosspointOfEveryModelHasARelayOnItsBoard) {
   InitPointInfo();
   for (const ChassisModel &model : chassisModels()) {
@@ -52,6 +89,13 @@ TEST(ChassisModelTest, EveryCrosspointOfEveryModelHasARelayOnItsBoard) {
         EXPECT_LT(relays.at[0].position, 16);
       }
   }
+}
+
+// A card kind has no chassis row: its crosspoints close the matrix and Y
+// isolation relays only.
+TEST(ChassisModelTest, CardCrosspointsCloseTwoRelays) {
+  InitPointInfo();
+  EXPECT_EQ(pointRelays(nullptr, MATRIX_KIND_GX4_TYPE0, 20, 0, 0).count, 2);
 }
 
 TEST(ChassisModelTest, CardsHaveNamesAndSizes) {

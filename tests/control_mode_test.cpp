@@ -6,7 +6,7 @@
 #include <optional>
 #include <vector>
 
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 

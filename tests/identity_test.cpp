@@ -1,7 +1,7 @@
 // Serial numbers, card types and card sizes on the simulated bench.
 #include <gtest/gtest.h>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 
@@ -28,6 +28,9 @@ TEST(SetSN, SpreadsTheSerialOverWordsThenApplies) {
   EXPECT_EQ(writes[0].size(), 24u);
   EXPECT_EQ(Words(writes[0]), (std::vector<uint16_t>{2, 0, 0, 188, 97, 78, 4, 0, 0, 0, 0, 0}));
   EXPECT_EQ(writes[1], (std::vector<uint8_t>{14, 0}));
+  qbsim::clearTraffic(kName);  // nine digits still convert: 123456789 = 0x075BCD15
+  ASSERT_EQ(QBVISA_SetSN(session, "12345678", "123456789"), 0);
+  EXPECT_EQ(Words(qbsim::writes(kName).at(0)).at(6), 0x15);
   // Serials are written blind: a chassis that does not answer is no error,
   // but it gets no apply either.
   for (const auto fault : {qbsim::Fault::WriteFails, qbsim::Fault::ReadFails, qbsim::Fault::FailureReply}) {
@@ -72,6 +75,9 @@ TEST(SetSerialNumbers, Refusals) {
       {kChassis, "4307312974", "3", QBVISA_ERR_SN_INPUT, {}},  // 2^32 + 12345678 must not wrap
       {kChassis, "12345678", nullptr, QBVISA_ERR_BAD_HW_NUMBER, {}},
       {kChassis, "12345678", "4294967299", QBVISA_ERR_BAD_HW_NUMBER, {}},
+      {kChassis, "12345678", "1234567890", QBVISA_ERR_BAD_HW_NUMBER, {}},
+      {kChassis, "12345678", "0000000000000001", QBVISA_ERR_BAD_HW_NUMBER, {}},  // 16 characters
+      {kChassis, "12345678", "0123456789", 0, {2, 14}},  // nine digits still fit
       {0, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},
       {7, "12345678", "1", QBVISA_ERR_BAD_SLOT, {}},
       {7, "12345678", "x", QBVISA_ERR_BAD_HW_NUMBER, {}},

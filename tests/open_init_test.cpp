@@ -6,7 +6,8 @@
 #include <climits>
 #include <vector>
 
-#include "switching_bench.hpp"
+#include "bench.hpp"
+#include "support/wire_tap.hpp"
 
 namespace {
 
@@ -69,6 +70,9 @@ TEST(OpenTest, SlotsPerModelCardAndFirmware) {
       {"RK420 slot 3", chassisConfig(Model::RK420), 3, QBVISA_ERR_PARAMETER, {}},
       {"RK421 any slot is 0", chassisConfig(Model::RK421, 1, 0), 2, 0,
        {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}, {kPresenceQuery}},
+      {"RK421 3.6", chassisConfig(Model::RK421), 0, 0, {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}},
+      {"RK423B 1.0", chassisConfig(Model::RK423B, 1, 0), 0, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1}},
+      {"RK422 1.0", chassisConfig(Model::RK422, 1, 0), 0, 0, {2, 1008, 16, 96, 21, 21, 49, 32256, 0, -1}},
       {"RK422 mask byte 4", fitted(chassisConfig(Model::RK422), 0x100001), 0, 0,
        {2, 1008, 16, 96, 21, 21, 49, 32256, 0, 2}},
       {"RK423 any slot is 0", chassisConfig(Model::RK423), 1, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1},
@@ -131,6 +135,47 @@ TEST(OpenTest, BadSessionsRecordsAndPositions) {
   EXPECT_GE(GetSlotHW(c.record, 18), 0);
   for (int32_t n : {19, -2, INT32_MIN}) EXPECT_EQ(GetSlotHW(c.record, n), QBVISA_ERR_PARAMETER);
   EXPECT_EQ(GetSlotHW(nullptr, 6), QBVISA_ERR_PARAMETER);
+}
+
+// Record words older programs read: the frame layout words of slots 0 and
+// 1, the card words, and the LT isolation count.
+TEST(OpenTest, RecordWordsOlderProgramsRead) {
+  const auto bench = qbtest::connectBench({slot1(Model::RK420, 1), chassisConfig(Model::RK423)});
+  const Connection &rk420 = bench[0], &rk423 = bench[1];
+  uint64_t kind = 0;
+  for (uint64_t slot : {0u, 1u}) ASSERT_EQ(QBVISA_OpenSpecifiedCard(rk420.session, slot, &kind), 0);
+  ASSERT_EQ(QBVISA_OpenSpecifiedCard(rk423.session, 0, &kind), 0);
+  const SlotArea &s0 = rk420.record->slots[0], &s1 = rk420.record->slots[1];
+  EXPECT_EQ(std::vector<int>({s0.geometryWords[0], s0.geometryWords[1], s1.geometryWords[0],
+                              s1.geometryWords[1], s1.cardWords[0], s1.cardWords[1],
+                              s1.cardWordsFollowing[0], s1.cardWordsFollowing[1], s1.cardExtra,
+                              rk423.record->slots[0].ltIsolationCount}),
+            std::vector<int>({6, 5, 4, 7, 13, 13, 12, 12, 12, 2}));
+}
+
+// An identity query read back with no bytes at all names no card type.
+TEST(OpenTest, EmptyIdentityReplyIsNoCardType) {
+  const Connection c = qbtest::connectChassis(slot2(Model::RK420, 3, 6));
+  qbtest::Scope tap;
+  static bool identity = false;
+  qbtest::onWrite = [](Bytes &frame) { identity = frame[0] == 8; };
+  qbtest::onRead = [](uint8_t *reply, uint32_t &count) {
+    if (identity) std::fill(reply, reply + count, 0), count = 0;
+  };
+  uint64_t kind = 0;
+  EXPECT_EQ(QBVISA_OpenSpecifiedCard(c.session, 2, &kind), QBVISA_ERR_UNKNOWN_CARD_TYPE);
+}
+
+// Controllers from 3.06 on use the newer reply layouts.
+TEST(OpenTest, NewLayoutFromFirmware306) {
+  const struct { uint8_t major, minor; bool newer; } cases[] = {
+      {2, 99, false}, {3, 0, false}, {3, 5, false}, {3, 6, true}, {3, 7, true}, {4, 0, true}, {255, 0, true}};
+  ChassisRecord record{};
+  for (const auto &c : cases) {
+    record.firmwareMajor = c.major, record.firmwareMinor = c.minor;
+    EXPECT_EQ(IsNewVer_3_06(&record), c.newer) << int{c.major} << "." << int{c.minor};
+  }
+  EXPECT_FALSE(IsNewVer_3_06(nullptr));
 }
 
 TEST(InitTest, Failures) {

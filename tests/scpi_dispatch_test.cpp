@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "admin_bench.hpp"
+#include "bench.hpp"
 #include "qbsim.hpp"
 #include "qbvisa.h"
 #include "qbvisa_lowlevel.h"
@@ -41,7 +41,7 @@ class ScpiBench : public ::testing::Test {
     local.chassis.controlMode = 0;
     local.chassis.lanMode = 1;
     local.chassis.boardInPlace = {1, 0, 1, 1};
-    local.chassis.spiLoop = {0, 1, 1, 1};
+    local.chassis.spiLoop = {0, 1, 1, 0};
     const auto sessions = qbtest::Connect(
         {qbtest::Chassis(kRemote421, qbsim::Model::RK421), local,
          qbtest::Chassis(kRK420, qbsim::Model::RK420)});
@@ -91,7 +91,7 @@ TEST_F(ScpiBench, RepliesOfQueriesRefusalsAndTransportFailures) {
       {remote421, ":SYST:COMM:RS232:BAUD?", "RS232 Baudrate:115200"},
       {local421, ":SYSTem:ConTRoL:MODE?", "Control Mode : Local"},
       // Flags are shown last to first.
-      {local421, ":DIAG:TEST:CARD:BIP?", "1101"}, {local421, ":DIAG:TEST:CARD:SPILOOP?", "1110"},
+      {local421, ":DIAG:TEST:CARD:BIP?", "1101"}, {local421, ":DIAG:TEST:CARD:SPILOOP?", "0110"},
       {remote421, ":DIAG:TEST:CARD:STAT?", "Self Test Pass"},
       {local421, ":DIAG:TEST:CARD:STAT?", messageOf(QBVISA_ERR_SPI_LOOP)},
       // Settings refused before anything is sent.
@@ -157,8 +157,12 @@ TEST_F(ScpiBench, CrosspointsFollowTheFortyEightColumnLayout) {
   // Row 2, column 1 is the same point as row 1, column 49.
   EXPECT_EQ(query(remote421, "[:ROUTe]:OPEN (@1(1!1,2!1,250!48))"), kOperated);
   for (int word : {0, 1, 374}) EXPECT_EQ(imageWord(remote421, word), 0u) << word;
+  // Opening a point that is open leaves it open.
+  EXPECT_EQ(query(remote421, ":OPEN (@1(1!1))"), kOperated);
+  EXPECT_EQ(imageWord(remote421, 0), 0u);
+  EXPECT_TRUE(qbsim::closedRelays(kRemote421).empty());
   // Every switch was one relay-state frame.
-  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{19, 19, 19}));
+  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{19, 19, 19, 19}));
 
   // Closing every point of the image is more than any chassis may close; the
   // image keeps the attempt.
@@ -221,6 +225,7 @@ TEST_F(ScpiBench, MissingSessionAndTheStoredReply) {
   }
   // Parser errors come before the lookup.
   EXPECT_EQ(query(unknown, ":CLOSe (@1(0!1))"), "Error: Invalid crosspoint format");
+  EXPECT_EQ(QBVISA_SCPIQuery(remote421, "*IDN?", nullptr), 0);  // no reply area: nothing done
   char text[QBVISA_SCPI_REPLY_SIZE] = "x";
   EXPECT_EQ(QBVISA_SCPIRead(unknown, text), QBVISA_ERR_HANDLE);
   EXPECT_STREQ(text, "x");

@@ -106,7 +106,8 @@ Parsed parse(const std::string &text) {
     parsed.points.emplace_back(result.points[i].row, result.points[i].column);
   freeSCPIResult(&result);
   freeSCPIResult(&result);  // a second release is harmless
-  EXPECT_EQ(result.points, nullptr);
+  EXPECT_TRUE(result.points == nullptr && result.count == 0);  // released and emptied
+  freeSCPIResult(nullptr);
   return parsed;
 }
 
@@ -120,12 +121,13 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
       {"(@1(2!4:1!2))", 1, {{1, 2}, {1, 3}, {1, 4}, {2, 2}, {2, 3}, {2, 4}}, ""},
       {"(@1(3!3:2!2,1!1))", 1, {{2, 2}, {2, 3}, {3, 2}, {3, 3}, {1, 1}}, ""},
       {"(@2(1!1,,1!1,))", 2, {{1, 1}, {1, 1}}, ""}, {"(@123(1!1))", 123, {{1, 1}}, ""},
+      {"(@1000(1!1))", 1000, {{1, 1}}, ""},  // four digits: the slice starts one further on
       {"(@0012(1!1))", 12, {{2, 1}}, ""},  // the slice is shifted by "00"
       {"(::(1!1))", 0, {{1, 1}}, ""},      // no "@": subunit 0
       {"1!1", 0, {}, ""}, {"(@1(1234567890!1))", 1, {{1234567890, 1}}, ""},
       {"(@1(1!0000000000000000000007))", 1, {{1, 7}}, ""},
       // Errors; parsing goes on with the next item.
-      {"(@1(0!1))", 1, {}, kBadPoint}, {"(@1(1!1,5,2!2))", 1, {{1, 1}, {2, 2}}, kBadPoint},
+      {"(@1(0!1))", 1, {}, kBadPoint}, {"(@1(1!0))", 1, {}, kBadPoint}, {"(@1(1!1,5,2!2))", 1, {{1, 1}, {2, 2}}, kBadPoint},
       {"(@1(0!1,1!1:2))", 1, {}, "Error: Invalid range format."},
       {"(@1(1!1:0!2))", 1, {}, kBadPoint}, {"(@1(00000000001!1))", 1, {}, kBadPoint},
       {"(@1(9999999999!1))", 1, {}, kBadPoint}, {"(@1(1!1:1!4294967297))", 1, {}, kBadPoint},
@@ -141,6 +143,13 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
     EXPECT_EQ(parsed.points, c.points);
     EXPECT_EQ(parsed.message, c.message);
   }
+}
+
+TEST(ListParsing, ParenthesesBalance) {
+  const std::pair<const char *, int> cases[] = {
+      {"(@1(1!1))", 1}, {"", 1}, {nullptr, 1}, {"(()", 0}, {")(", 0}, {"())(", 0}};
+  for (const auto &[text, balanced] : cases)
+    EXPECT_EQ(areParenthesesBalanced(text), balanced) << (text ? text : "null");
 }
 
 TEST(ListParsing, BoundsOfTheSliceAndOfTheRectangle) {

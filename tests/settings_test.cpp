@@ -5,7 +5,7 @@
 
 #include <chrono>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
@@ -59,6 +59,9 @@ TEST(Settings, RefusalsSendNothingAndReleaseTheMutex) {
       {[](uint32_t s) { return QBVISA_GetCOMMIPAddr(s, text); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_SetGPIBAddress(s, 7); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_SetBaudRate(s, 9600); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 19200); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 38400); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
+      {[](uint32_t s) { return QBVISA_SetBaudRate(s, 57600); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
       {[](uint32_t s) { return QBVISA_GetLANMode(s, &mode); }, QBVISA_ERR_NOT_SUPPORTED, QBVISA_ERR_HANDLE},
   };
   const auto run = [](int32_t (*call)(uint32_t), uint32_t session) {
@@ -91,7 +94,11 @@ TEST(Rk421Settings, RequestsAndReadBack) {
   uint32_t gpib = 0, rate = 0, mode = 7;
   ASSERT_EQ(QBVISA_SetGPIBAddress(session, 30), 0);
   ASSERT_EQ(QBVISA_GetGPIBAddress(session, &gpib), 0);
-  ASSERT_EQ(QBVISA_SetBaudRate(session, 9600), 0);
+  {  // an empty answer to the new rate still means the host must follow
+    qbtest::Scope tap;
+    qbtest::onRead = [](uint8_t *, uint32_t &count) { count = 0; };
+    ASSERT_EQ(QBVISA_SetBaudRate(session, 9600), 0);
+  }
   ASSERT_EQ(QBVISA_SetBaudRate(session, 115200), 0);  // 0x0001C200: low half first
   ASSERT_EQ(QBVISA_GetBaudRate(session, &rate), 0);
   ASSERT_EQ(QBVISA_GetLANMode(session, &mode), 0);
@@ -99,6 +106,12 @@ TEST(Rk421Settings, RequestsAndReadBack) {
   EXPECT_EQ(qbsim::writes(serial),
             (std::vector<Bytes>{{24, 0, 0, 0}, {20, 0, 0, 0, 30, 0}, {22, 0, 0, 0}, {21, 0, 0, 0, 0x80, 0x25, 0, 0},
                                 {21, 0, 0, 0, 0x00, 0xC2, 0x01, 0x00}, {23, 0, 0, 0}, {25, 0, 0, 0}}));
+  {  // the rate's top byte is read too
+    qbtest::Scope tap;
+    qbtest::onRead = [](uint8_t *reply, uint32_t count) { if (count >= 6) reply[5] = 0x40; };
+    ASSERT_EQ(QBVISA_GetBaudRate(session, &rate), 0);
+    EXPECT_EQ(rate, 0x4001C200u);
+  }
   char kept[16] = "untouched";
   qbsim::injectFault(serial, qbsim::Fault::ReadFails);
   EXPECT_EQ(QBVISA_GetCOMMIPAddr(session, kept), QBVISA_ERR_RECEIVE);

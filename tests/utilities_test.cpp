@@ -118,7 +118,8 @@ TEST(UtilitiesTest, ValidIPAddressAcceptsOnlyTheChassisNetwork) {
                                  "192.168.1.201", "192.168.1.254"})
     EXPECT_TRUE(validIPAddress(valid)) << valid;
   for (const char *invalid :
-       Texts{"192.168.1.200", "192.168.1.255", "192.168.1.01", "192.168.01.1",
+       Texts{"192.168.1.200", "192.168.1.255", "192.168.1.256", "192.168.1.01",
+             "192.168.01.1", "192.168.1.00", "0192.168.1.1", "192.168.1.1000",
              "192.168.2.5", "192.168.1", "192.168.1.", "192.168.1.1.1",
              "192.168.1.-1", "192.168.1.1 ", "", nullptr})
     EXPECT_FALSE(validIPAddress(invalid)) << (invalid ? invalid : "null");

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <optional>
 
-#include "support/admin_bench.hpp"
+#include "bench.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
@@ -46,6 +46,8 @@ TEST(GetSWVersion, ByModel) {
   } cases[] = {
       {Model::RK420B, {{16, 0}}, {"10.00"}},
       {Model::RK420B, {{3, 10}}, {"3.0a"}, {11}, true},  // newer controllers: bytes 4 and 5
+      {Model::RK420, {{4, 0}}, {"4.00"}, {11}, true},  // either byte alone marks that form
+      {Model::RK420B, {{0, 0x12}}, {"0.12"}, {11}, true},
       {Model::RK421, {{3, 6}, {4, 4}}, {"3.06", "1.02"}, {11, 49}},  // main and second controller
       // One slot per pair; the first pair with a zero byte ends the list.
       {Model::RK422, {{3, 6}, {2, 1}, {0x1F, 0x20}, {4, 0}, {5, 5}}, {"3.06", "2.01", "1f.20"}},

@@ -15,7 +15,8 @@
 namespace qbtest {
 
 inline std::function<void(std::vector<uint8_t> &frame)> onWrite;  // before the bench
-inline std::function<void(uint8_t *reply, uint32_t count)> onRead;  // after the bench
+// After the bench; may change the count the read reports.
+inline std::function<void(uint8_t *reply, uint32_t &count)> onRead;
 
 // Removes the hooks when a test ends, however it ends.
 struct Scope {
