@@ -8,7 +8,7 @@
 #include <tuple>
 
 #include "qbvisa_ext.h"
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void *__libc_malloc(size_t size);

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "core/chassis_model.h"
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "switching/relay_frame.h"
-#include "switching_bench.hpp"
+#include "bench.hpp"
 
 namespace {
 
