@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "core/chassis_model.h"
+#include "locations/crosspoint_tables.h"
 #include "switching/relay_frame.h"
 #include "wiring/crosspoint_wiring.h"
 
@@ -27,8 +28,7 @@ constexpr uint32_t kMaxWords = kMaxPoints / 32;
 constexpr uint32_t kMaxPayloadWords = 0xFFFF / kRelaysPerBitGroup - 1;
 constexpr uint32_t kTableEntries = 1u << 16;
 constexpr int kMaxRelaysPerPoint = 4;
-// Largest set of location tables one kind reads (the RK422's two 16 x 96).
-constexpr size_t kLocationBytes = 2 * sizeof RK422_matrixLocation;
+constexpr size_t kLocationBytes = kLargestCrosspointTableBytes;
 
 constexpr int kShortBoardWords = 13;
 constexpr int kShortBoardGroup = 12;
@@ -51,42 +51,6 @@ SlotInputs inputsOf(const ChassisRecord &record) {
                 slot.rowCount, slot.columnCount, slot.pointCount};
   std::memcpy(in.subMatrixGroup, slot.subMatrixGroup, sizeof in.subMatrixGroup);
   return in;
-}
-
-struct TableRef {
-  const void *at;
-  size_t bytes;
-};
-
-// The location tables a point of `kind` is looked up in (the RK423's LT
-// relays are looked up on every call instead); none for kinds the table
-// does not cover.
-int locationTables(uint32_t kind, TableRef (&tables)[4]) {
-  switch (kind) {
-    case MATRIX_KIND_RK420:
-      tables[0] = {matrixLocation, sizeof matrixLocation};
-      tables[1] = {isoLocationX, sizeof isoLocationX};
-      tables[2] = {isoLocationY, sizeof isoLocationY};
-      return 3;
-    case MATRIX_KIND_RK421:
-      tables[0] = {RK421_matrixLocation, sizeof RK421_matrixLocation};
-      tables[1] = {RK421_isoLocationX, sizeof RK421_isoLocationX};
-      tables[2] = {RK421_isoLocationY, sizeof RK421_isoLocationY};
-      tables[3] = {RK421_isoLocationCV, sizeof RK421_isoLocationCV};
-      return 4;
-    case MATRIX_KIND_RK422:
-      tables[0] = {RK422_matrixLocation, sizeof RK422_matrixLocation};
-      tables[1] = {RK422_isoLocationY, sizeof RK422_isoLocationY};
-      return 2;
-    case MATRIX_KIND_RK423:
-      tables[0] = {RK423_matrixLocation, sizeof RK423_matrixLocation};
-      tables[1] = {RK423_isoLocationX, sizeof RK423_isoLocationX};
-      tables[2] = {RK423_isoLocationY, sizeof RK423_isoLocationY};
-      tables[3] = {RK423_isoLocationCV, sizeof RK423_isoLocationCV};
-      return 4;
-    default:
-      return 0;
-  }
 }
 
 struct PreparedSlot {
@@ -135,8 +99,8 @@ PreparedSlot *entryOf(const ChassisRecord &record) {
 }
 
 bool locationsUnchanged(const PreparedSlot &entry) {
-  TableRef tables[4];
-  const int count = locationTables(entry.inputs.kind, tables);
+  LocationTableRef tables[kMaxCrosspointTables];
+  const int count = crosspointLocationTables(entry.inputs.kind, tables);
   size_t offset = 0;
   for (int t = 0; t < count; ++t) {
     if (std::memcmp(entry.locations + offset, tables[t].at, tables[t].bytes) != 0)
@@ -173,8 +137,8 @@ void build(PreparedSlot &entry, const SlotInputs &in) {
   entry.built = true;
   entry.usable = false;
   entry.inputs = in;
-  TableRef tables[4];
-  const int tableCount = locationTables(in.kind, tables);
+  LocationTableRef tables[kMaxCrosspointTables];
+  const int tableCount = crosspointLocationTables(in.kind, tables);
   size_t offset = 0;
   for (int t = 0; t < tableCount; ++t) {
     std::memcpy(entry.locations + offset, tables[t].at, tables[t].bytes);
