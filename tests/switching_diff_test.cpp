@@ -163,7 +163,7 @@ TEST(SwitchingDifferentialTest, FramesMatchThePointByPointModel) {
         const Expected want = reference(record, array.data(), uint32_t(array.size()));
         // Some calls go through a copy of the record outside the registry.
         static ChassisRecord copy;
-        const bool viaCopy = chance(10);
+        const bool viaCopy = chance(25);
         if (viaCopy) copy = record;
         qbsim::clearTraffic(c.resource);
         const int32_t status = viaCopy ? OpMatrix(&copy, 0, array.data(), uint32_t(array.size()), 1)
