@@ -12,16 +12,6 @@
 namespace qbsim::detail::local {
 namespace {
 
-template <typename Body>
-ViStatus guarded(Body body) noexcept {
-  try {
-    return body();
-  } catch (const std::bad_alloc &) {
-    return VI_ERROR_ALLOC;
-  } catch (...) {
-    return VI_ERROR_SYSTEM_ERROR;
-  }
-}
 
 // Runs `body(instrument, session)` under the instrument's lock.
 template <typename Body>

@@ -79,16 +79,6 @@ int waitFromTimeout(ViAttrState timeout) {
   return static_cast<int>(std::clamp<ViAttrState>(timeout, kShortestWaitMs, 24 * 3600 * 1000));
 }
 
-template <typename Body>
-ViStatus guarded(Body body) noexcept {
-  try {
-    return body();
-  } catch (const std::bad_alloc &) {
-    return VI_ERROR_ALLOC;
-  } catch (...) {
-    return VI_ERROR_SYSTEM_ERROR;
-  }
-}
 
 }  // namespace
 

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,6 +28,19 @@ namespace qbsim::detail {
 
 // Standard VISA codes the shared VISA header does not carry.
 constexpr ViStatus kErrorUserBuffer = static_cast<ViStatus>(0xBFFF0071u);
+
+// Runs one VISA call's body: no exception may leave a VISA entry point, so
+// they become VISA statuses here, for the local bench and the rack client alike.
+template <typename Body>
+ViStatus guarded(Body body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc &) {
+    return VI_ERROR_ALLOC;
+  } catch (...) {
+    return VI_ERROR_SYSTEM_ERROR;
+  }
+}
 
 class Instrument;
 
