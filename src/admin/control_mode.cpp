@@ -47,7 +47,7 @@ QBVISA_EXPORT int32_t QBVISA_SetControlMode(uint32_t session, uint32_t mode) {
   clearReply(*record);
   putWord(record->requestBuffer, 4, static_cast<uint16_t>(mode));
   const int32_t status = exchange(*record, kSetModeRequestBytes);
-  return status < 0 ? status : 0;
+  return failureOrZero(status);
 }
 
 QBVISA_EXPORT int32_t QBVISA_Clear(uint32_t session, uint64_t card) {
@@ -78,7 +78,7 @@ QBVISA_EXPORT int32_t QBVISA_Clear(uint32_t session, uint64_t card) {
   // Some models clear with a command of their own instead of an all-open
   // relay frame.
   const ChassisModel *model = modelByType(record->modelTypeCode);
-  const uint16_t header[2] = {
+  const uint16_t header[] = {
       model != nullptr && model->clearCommand != 0 ? model->clearCommand
                                                    : kRelayStateCommand,
       payloadBytes};

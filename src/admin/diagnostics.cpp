@@ -2,6 +2,7 @@
 // and the SPI loop-back of each chain of a slot.
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "core/chassis_request.h"
 #include "qbvisa_lowlevel.h"
@@ -17,13 +18,12 @@ constexpr uint32_t kFlagCount = 4;         // flags in reply bytes 2..5
 constexpr uint8_t kBoardMissing = 0x01;
 constexpr uint8_t kSpiLoopBroken = 0x02;
 
-// Sends `command` (with a slot word when `withSlot`) and checks that the
+// Sends `command` (with a slot word when one is given) and checks that the
 // reply is long enough to carry the `replyBytes` the caller reads: a shorter
 // one would leave those bytes at the cleared buffer's zeros, which read as a
 // clean result, so it counts as a failed read.
-int32_t runDiagnostic(uint32_t session, uint16_t command, bool withSlot,
-                      uint64_t slot, int32_t replyBytes,
-                      ChassisRecord **record) {
+int32_t runDiagnostic(uint32_t session, uint16_t command, std::optional<uint64_t> slot,
+                      int32_t replyBytes, ChassisRecord **record) {
   *record = lookUpChassis(session);
   if (*record == nullptr) {
     return QBVISA_ERR_HANDLE;
@@ -32,8 +32,8 @@ int32_t runDiagnostic(uint32_t session, uint16_t command, bool withSlot,
   beginRequest(chassis, command);
   clearReply(chassis);
   int32_t bytes = kBareRequestBytes;
-  if (withSlot) {
-    putWord(chassis.requestBuffer, 4, static_cast<uint16_t>(slot));
+  if (slot) {
+    putWord(chassis.requestBuffer, 4, static_cast<uint16_t>(*slot));
     bytes += 2;
   }
   const int32_t status = exchange(chassis, bytes);
@@ -61,7 +61,7 @@ QBVISA_EXPORT int32_t QBVISA_SelfTest(uint32_t session, uint64_t slot,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      runDiagnostic(session, kSelfTest, true, slot, 4, &record);
+      runDiagnostic(session, kSelfTest, slot, 4, &record);
   if (status != 0) {
     return status;
   }
@@ -92,7 +92,7 @@ QBVISA_EXPORT int32_t QBVISA_BoardInPlace(uint32_t session, uint64_t slot) {
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      runDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
+      runDiagnostic(session, kBoardInPlace, std::nullopt, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }
@@ -107,7 +107,7 @@ QBVISA_EXPORT int32_t QBVISA_BoardInPlaceInfo(uint32_t session,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      runDiagnostic(session, kBoardInPlace, false, 0, 2 + kFlagCount, &record);
+      runDiagnostic(session, kBoardInPlace, std::nullopt, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }
@@ -123,7 +123,7 @@ QBVISA_EXPORT int32_t QBVISA_SPILoopTestInfo(uint32_t session, uint64_t slot,
   }
   ChassisRecord *record = nullptr;
   const int32_t status =
-      runDiagnostic(session, kSpiLoopTest, true, slot, 2 + kFlagCount, &record);
+      runDiagnostic(session, kSpiLoopTest, slot, 2 + kFlagCount, &record);
   if (status != 0) {
     return status;
   }

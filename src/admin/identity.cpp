@@ -186,7 +186,7 @@ QBVISA_EXPORT int32_t QBVISA_SetCardSN(uint32_t session, const char *sn,
   // Card serial frames are 20 bytes: the chassis reads no further. They
   // take effect without the apply command.
   const int32_t status = exchange(*record, 20);
-  return status < 0 ? status : 0;
+  return failureOrZero(status);
 }
 
 QBVISA_EXPORT int32_t QBVISA_GetCardType(uint32_t session, uint32_t card,

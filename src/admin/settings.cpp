@@ -22,7 +22,7 @@ int32_t queryPortedChassis(uint32_t session, uint16_t command, ChassisRecord **r
   }
   beginRequest(**record, command);
   const int32_t status = exchange(**record, kBareRequestBytes);
-  return status < 0 ? status : 0;
+  return failureOrZero(status);
 }
 
 // Sends one 16-bit setting word (6 bytes) to a chassis with ports.
@@ -35,7 +35,7 @@ int32_t setPortedWord(uint32_t session, uint16_t command, uint16_t value) {
   beginRequest(*record, command);
   putWord(record->requestBuffer, 4, value);
   const int32_t status = exchange(*record, 6);
-  return status < 0 ? status : 0;
+  return failureOrZero(status);
 }
 
 bool isSupportedBaudRate(uint32_t rate) {
@@ -80,7 +80,7 @@ QBVISA_EXPORT int32_t QBVISA_SetIPAddress(uint32_t session, const char *ip) {
   const uint16_t d = address & 0xFF;
   // The gateway is always the .1 host of the address's own network; the
   // chassis offers no separate gateway setting.
-  const uint16_t words[8] = {a, b, c, d, a, b, c, 1};
+  const uint16_t words[] = {a, b, c, d, a, b, c, 1};
   for (size_t i = 0; i < 8; ++i) {
     putWord(record->requestBuffer, 4 + 2 * i, words[i]);
   }

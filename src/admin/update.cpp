@@ -18,8 +18,7 @@ using namespace qbvisa;
 
 // The chassis buffers at most this many bytes of one data frame.
 constexpr uint32_t kChunkSize = 1024;
-static_assert(4 + kChunkSize <= QBVISA_REQUEST_SIZE,
-              "a data frame must fit the request buffer");
+static_assert(4 + kChunkSize <= QBVISA_REQUEST_SIZE, "a data frame must fit the request buffer");
 
 // Closes the update file on every way out.
 class FileDescriptor {

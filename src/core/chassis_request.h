@@ -4,6 +4,7 @@
 // (hidden visibility): nothing here is part of the C interface.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -79,6 +80,9 @@ void clearReply(ChassisRecord &record);
 // One exchange of the record's request (`bytes` long) into its reply buffer.
 // Returns the count read or the exchange's negative status.
 int32_t exchange(ChassisRecord &record, int32_t bytes);
+
+// The exported calls answer 0 for any reply count, or the failure code.
+inline int32_t failureOrZero(int32_t status) { return std::min(status, 0); }
 
 // A request without payload, with both buffers cleared first so that a
 // short reply cannot be read together with what an earlier exchange left.

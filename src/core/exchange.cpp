@@ -38,11 +38,11 @@ extern "C" {
 QBVISA_EXPORT int32_t SendRecvMsg(uint32_t session, uint8_t *request,
                                   int32_t length, uint8_t *reply) {
   if (badArguments(session, request, length, reply)) return QBVISA_ERR_SEND;
-  ViUInt32 count = 0;
-  if (viWrite(session, request, static_cast<ViUInt32>(length), &count) <
+  ViUInt32 written{};
+  if (viWrite(session, request, static_cast<ViUInt32>(length), &written) <
       VI_SUCCESS)
     return QBVISA_ERR_SEND;
-  count = 0;
+  ViUInt32 count{};
   const ViStatus status = viRead(session, reply, QBVISA_REPLY_SIZE, &count);
   return replyStatus(status, reply, count);
 }
@@ -51,15 +51,15 @@ QBVISA_EXPORT int32_t SendRecvMsgLock(uint32_t session, uint16_t *request,
                                       int32_t length, uint8_t *reply) {
   if (badArguments(session, request, length, reply)) return QBVISA_ERR_SEND;
   pthread_mutex_lock(&exchangeMutex);
-  ViUInt32 count = 0;
+  ViUInt32 written{};
   if (viWrite(session, reinterpret_cast<const ViByte *>(request),
-              static_cast<ViUInt32>(length), &count) < VI_SUCCESS) {
+              static_cast<ViUInt32>(length), &written) < VI_SUCCESS) {
     // The lock stays taken on purpose: after a failed write every later
     // guarded exchange waits instead of sending frames to a chassis whose
     // state is unknown.
     return QBVISA_ERR_SEND;
   }
-  count = 0;
+  ViUInt32 count{};
   const ViStatus status = viRead(session, reply, QBVISA_REPLY_SIZE, &count);
   pthread_mutex_unlock(&exchangeMutex);
   return replyStatus(status, reply, count);

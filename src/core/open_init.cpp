@@ -13,7 +13,7 @@ namespace {
 
 using namespace qbvisa;
 
-constexpr int kSlotPositions = 21;
+constexpr int kSlotPositions = sizeof SlotArea::cardPresent;
 constexpr uint8_t kAbsent = 0xFF;
 // Slot 1 takes cards only when the identity entry of card position 6 shows
 // hardware 1.0 or later.
@@ -52,13 +52,14 @@ int32_t readSlot1Presence(ChassisRecord &record) {
   if (status < 0) return status;
   const uint8_t flags = record.replyBuffer[2];
   const int first = record.slots[0].subMatrixCount;
+  // Reply byte 2 has eight bits, so every position fits the presence table.
   const int end = std::min<int>(record.slotCount, 8);
+  static_assert(8 <= kSlotPositions);
   SlotArea &slot = record.slots[1];
   int fitted = 0;
   for (int b = first; b < end; ++b) {
     if ((flags >> b & 1u) == 0) continue;
     const int position = b - first;
-    if (position >= kSlotPositions) break;
     slot.subMatrixGroup[fitted++] = static_cast<int8_t>(position);
     slot.cardPresent[position] = 1;
   }
@@ -156,7 +157,7 @@ int32_t checkPresence(ChassisRecord *record, uint64_t slot) {
   const int32_t status = BoardInPlaceHDW(record, slot);
   if (status < 0) return status;
   const int32_t exists = IsBoardExists(record, slot);
-  return exists < 0 ? exists : 0;
+  return failureOrZero(exists);
 }
 
 }  // namespace
@@ -179,7 +180,7 @@ QBVISA_EXPORT int32_t IsBoardExists(ChassisRecord *record, uint64_t slot) {
       std::any_of(std::begin(area.cardPresent), std::end(area.cardPresent),
                   [](uint8_t p) { return p < kAbsent; });
   if (anyPresent) return 1;
-  static constexpr int32_t kMissing[3] = {QBVISA_ERR_NO_TYPE0_CARD,
+  static constexpr int32_t kMissing[] = {QBVISA_ERR_NO_TYPE0_CARD,
                                           QBVISA_ERR_NO_TYPE1_CARD,
                                           QBVISA_ERR_NO_TYPE2_CARD};
   return kMissing[slot];
@@ -243,7 +244,7 @@ QBVISA_EXPORT int32_t QBVISA_Init(uint32_t session, uint64_t slot) {
     }
   }
   const int32_t cleared = QBVISA_Clear(session, slot);
-  return cleared < 0 ? cleared : 0;
+  return failureOrZero(cleared);
 }
 
 QBVISA_EXPORT int32_t QBVISABoardInPlaceHDW(uint32_t session, uint64_t slot) {

@@ -11,10 +11,10 @@ namespace {
 // Each column owns a run of five bytes starting at its base: in rows 0..3
 // the four crosspoints take base..base+3 and the X isolation relay base+4;
 // rows 4..7 use a partner group where the isolation relay comes first.
-constexpr Relay kAbColumnBase[13] = {{0, 0},  {0, 5}, {0, 10}, {1, 0}, {1, 5},
+constexpr Relay kAbColumnBase[] = {{0, 0},  {0, 5}, {0, 10}, {1, 0}, {1, 5},
                                      {1, 10}, {2, 0}, {3, 1},  {3, 6}, {3, 11},
                                      {9, 0},  {9, 5}, {9, 10}};
-constexpr Relay kCdColumnBase[12] = {{0, 0}, {0, 5},  {0, 10}, {1, 0},
+constexpr Relay kCdColumnBase[] = {{0, 0}, {0, 5},  {0, 10}, {1, 0},
                                      {1, 5}, {1, 10}, {3, 0},  {3, 5},
                                      {3, 10}, {9, 0}, {9, 5},  {9, 10}};
 
@@ -64,9 +64,9 @@ constexpr auto kIsolationYD = generateGrid<8, 12>([](int r, int c) {
   return Relay{isolationYGroup(r), (c < 6 ? 0 : right) + r % 4};
 });
 
-constexpr Relay kCascadeAB[8] = {{2, 13}, {2, 14}, {2, 15}, {3, 0},
+constexpr Relay kCascadeAB[] = {{2, 13}, {2, 14}, {2, 15}, {3, 0},
                                  {5, 13}, {5, 14}, {5, 15}, {6, 0}};
-constexpr Relay kCascadeCD[8] = {{2, 8}, {2, 9}, {2, 10}, {2, 11},
+constexpr Relay kCascadeCD[] = {{2, 8}, {2, 9}, {2, 10}, {2, 11},
                                  {5, 8}, {5, 9}, {5, 10}, {5, 11}};
 
 constexpr auto kCrosspointsAB = crosspoints(kAbColumnBase);

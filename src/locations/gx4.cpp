@@ -15,10 +15,10 @@ constexpr int kLowerHalfOffset = 10;
 // Each column owns a run of five bytes from its base: in rows 0..3 the four
 // crosspoints take base..base+3 and the X isolation relay base+4; in rows
 // 4..7 (ten groups on) the isolation relay comes first.
-constexpr Relay kAbColumnBase[13] = {{0, 0},  {0, 5}, {0, 10}, {1, 0}, {1, 5},
+constexpr Relay kAbColumnBase[] = {{0, 0},  {0, 5}, {0, 10}, {1, 0}, {1, 5},
                                      {1, 10}, {2, 0}, {3, 1},  {3, 6}, {3, 11},
                                      {4, 0},  {4, 5}, {4, 10}};
-constexpr Relay kCdColumnBase[12] = {{5, 0}, {5, 5},  {5, 10}, {6, 0},
+constexpr Relay kCdColumnBase[] = {{5, 0}, {5, 5},  {5, 10}, {6, 0},
                                      {6, 5}, {6, 10}, {8, 0},  {8, 5},
                                      {8, 10}, {9, 0}, {9, 5},  {9, 10}};
 
@@ -61,9 +61,9 @@ constexpr auto kIsolationYD = generateGrid<16, 12>([](int row, int c) {
   return isolationY(row, 7, c < 6 ? 0 : right);
 });
 
-constexpr Relay kCascadeAB[8] = {{2, 13},  {2, 14},  {2, 15},  {3, 0},
+constexpr Relay kCascadeAB[] = {{2, 13},  {2, 14},  {2, 15},  {3, 0},
                                  {12, 13}, {12, 14}, {12, 15}, {13, 0}};
-constexpr Relay kCascadeCD[8] = {{7, 8},  {7, 9},  {7, 10},  {7, 11},
+constexpr Relay kCascadeCD[] = {{7, 8},  {7, 9},  {7, 10},  {7, 11},
                                  {17, 8}, {17, 9}, {17, 10}, {17, 11}};
 
 constexpr auto kCrosspointsAB = crosspoints(kAbColumnBase);

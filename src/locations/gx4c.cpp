@@ -32,7 +32,7 @@ constexpr Relay kIsolationYAB[4][13] = {
 };
 
 // X isolation: one relay per column, the same for every row.
-constexpr Relay kIsolationXAB[13] = {
+constexpr Relay kIsolationXAB[] = {
     //                  0      1      2      3      4      5      6      7      8      9     10     11     12
     /* every row */   {0,2},  {0,5},  {0,8}, {0,11}, {0,14},  {1,2},  {1,5}, {1,12}, {1,15},  {2,2},  {2,5},  {2,8}, {2,11},
 };
@@ -53,7 +53,7 @@ constexpr Relay kIsolationYCD[4][12] = {
     /* rows 6,7 */ {{8,13}, {8,13}, {8,13}, {8,13}, {8,13}, {8,13},  {9,1},  {9,1},  {9,1},  {9,1},  {9,1},  {9,1}},
 };
 
-constexpr Relay kIsolationXCD[12] = {
+constexpr Relay kIsolationXCD[] = {
     //                  0      1      2      3      4      5      6      7      8      9     10     11
     /* every row */   {3,2},  {3,5},  {3,8}, {3,11}, {3,14},  {4,2},  {4,9}, {4,12}, {4,15},  {5,2},  {5,5},  {5,8},
 };
@@ -64,7 +64,7 @@ constexpr Relay kIsolationXCD[12] = {
 // relay. The wiring list gives them as (half, group, byte), the half 0 for
 // rows 0..3 and 1 for rows 4..7, and the tables keep that field order: the
 // lookup reads the frame location from the second and third fields.
-constexpr PointLocation kInputs[8][4] = {
+constexpr PointLocation kInputs[][4] = {
     //             A            B            C            D
     /* row 0 */ {{0, 10, 0}, {0, 10, 15}, {0, 10, 1}, {0, 10, 14}},
     /* row 1 */ {{0, 10, 2}, {0, 10, 13}, {0, 10, 3}, {0, 10, 12}},

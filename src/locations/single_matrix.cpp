@@ -12,7 +12,7 @@ namespace {
 // the lower half lies six groups after the upper one. Within a group the six
 // rows of one column take six consecutive bytes.
 // ---------------------------------------------------------------------------
-constexpr int32_t kRk420ColumnGroup[10] = {0, 0, 1, 1, 2, 3, 4, 4, 5, 5};
+constexpr int32_t kRk420ColumnGroup[] = {0, 0, 1, 1, 2, 3, 4, 4, 5, 5};
 
 constexpr auto kRk420Crosspoints = generateGrid<12, 10>([](int r, int c) {
   const int h = r / 6, rr = r % 6;
@@ -50,7 +50,7 @@ constexpr auto kRk420IsolationYAtLoad = generateGrid<12, 10>([](int r, int c) {
 // RK421, 10 x 12. Each row owns one group: crosspoints in bytes 0..5 and
 // 8..13, its two Y isolation relays (one per half of six columns) in 6 and 7.
 // ---------------------------------------------------------------------------
-constexpr int32_t kRk421RowGroup[10] = {0, 1, 2, 3, 6, 7, 9, 10, 11, 12};
+constexpr int32_t kRk421RowGroup[] = {0, 1, 2, 3, 6, 7, 9, 10, 11, 12};
 
 constexpr auto kRk421Crosspoints = generateGrid<10, 12>([](int r, int c) {
   return Relay{kRk421RowGroup[r], c < 6 ? c : c + 2};
@@ -82,7 +82,7 @@ constexpr auto kRk421Cv = generateGrid<10, 12>([](int r, int) {
 constexpr auto kRk422Crosspoints = generateGrid<16, 96>([](int r, int c) {
   if (r >= 4) return Relay{};
   const bool even = c % 2 == 0;
-  int32_t position = 0;
+  int32_t position{};
   switch (c / 24) {
     case 0: position = even ? 8 - r : 1 + r; break;
     case 1: position = even ? 1 + 2 * r : 2 + 2 * r; break;
@@ -102,7 +102,7 @@ constexpr auto kRk422IsolationY = generateGrid<16, 96>([](int r, int) {
 // 0..5 and 8..13 of the row's group, Y isolation in 6 and 7. Rows the
 // relay-state builder never asks for stay zero.
 // ---------------------------------------------------------------------------
-constexpr int32_t kRk423RowGroup[8] = {0, 1, 3, 4, 5, 6, 8, 9};
+constexpr int32_t kRk423RowGroup[] = {0, 1, 3, 4, 5, 6, 8, 9};
 
 constexpr auto kRk423Crosspoints = generateGrid<8, 12>([](int r, int c) {
   return Relay{kRk423RowGroup[r], c < 6 ? c : c + 2};

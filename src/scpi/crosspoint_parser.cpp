@@ -5,6 +5,7 @@
 // Errors go into the caller's message buffer as text and parsing goes on
 // with the next item, so the result may hold points even after an error; the
 // caller decides by the message and always releases the points.
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdint>
@@ -107,8 +108,8 @@ QBVISA_EXPORT int parseCrosspoints(SCPIResult *result, const char *item,
     report(message, kBadPoint);
     return -1;
   }
-  int32_t row1 = 0;
-  int32_t column1 = 0;
+  int32_t row1{};
+  int32_t column1{};
   if (!rowValue(item, bang, &row1) || !decimalValue(bang + 1, &column1)) {
     report(message, kBadPoint);
     return -1;
@@ -133,8 +134,8 @@ QBVISA_EXPORT int parseCrosspoints(SCPIResult *result, const char *item,
     report(message, kBadRange);
     return -1;
   }
-  int32_t row2 = 0;
-  int32_t column2 = 0;
+  int32_t row2{};
+  int32_t column2{};
   if (!rowValue(colon + 1, bang2, &row2) ||
       !decimalValue(bang2 + 1, &column2)) {
     report(message, kBadPoint);
@@ -199,10 +200,7 @@ QBVISA_EXPORT SCPIResult parseSCPICrossPoint(const char *text, char *message) {
   const int64_t start = (open - text) + digits + 3;
   int64_t length = close - open - 5;
   if (start >= textLength) length = 0;
-  if (length > textLength - start) length = textLength - start;
-  if (length > static_cast<int64_t>(kListBufferSize) - 1) {
-    length = kListBufferSize - 1;
-  }
+  length = std::min({length, textLength - start, static_cast<int64_t>(kListBufferSize) - 1});
   char list[kListBufferSize] = {};
   if (length > 0) std::memcpy(list, text + start, static_cast<size_t>(length));
 

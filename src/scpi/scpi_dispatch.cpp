@@ -64,7 +64,7 @@ bool onlyCharactersOf(const char *text, const char *allowed) {
 
 void identify(uint32_t session, const Reply &reply) {
   static const ViByte query[] = {'*', 'I', 'D', 'N', '?', '\n'};
-  ViUInt32 count = 0;
+  ViUInt32 count{};
   if (viWrite(session, query, sizeof query, &count) < VI_SUCCESS) {
     put(reply, "Send data failed!");
     return;
@@ -82,7 +82,7 @@ void identify(uint32_t session, const Reply &reply) {
 
 void reset(uint32_t session, Caller caller, const Reply &reply) {
   static const ViByte request[] = {0x0E, 0x00};
-  ViUInt32 count = 0;
+  ViUInt32 count{};
   if (viWrite(session, request, sizeof request, &count) < VI_SUCCESS) {
     put(reply, "send data failed!");
     return;
@@ -152,7 +152,7 @@ void switchList(uint32_t session, ChassisRecord *record, bool close,
         list.points[i].column;
     const size_t offset = static_cast<size_t>((index - 1) / 32) * 4;
     const uint32_t mask = 1u << ((index - 1) % 32);
-    uint32_t word = 0;
+    uint32_t word{};
     std::memcpy(&word, image + offset, sizeof word);
     word = close ? (word | mask) : (word & ~mask);
     std::memcpy(image + offset, &word, sizeof word);
@@ -178,7 +178,7 @@ void switchAll(uint32_t session, ChassisRecord *record, bool close,
 void changeControlMode(uint32_t session, const char *argument,
                        const Reply &reply) {
   const uint32_t wanted = std::strcmp(argument, "REMOTE") == 0 ? 1 : 0;
-  uint32_t current = 0;
+  uint32_t current{};
   const int32_t status = QBVISA_GetControlMode(session, &current);
   if (status < 0) {
     putError(reply, status);
@@ -215,17 +215,13 @@ void setGpibAddress(uint32_t session, const char *argument,
 }
 
 void setLanMode(uint32_t session, const char *argument, const Reply &reply) {
-  uint32_t mode = 0;
-  if (std::strcmp(argument, "MANUAL") == 0 || std::strcmp(argument, "0") == 0) {
-    mode = 0;
-  } else if (std::strcmp(argument, "AUTO") == 0 ||
-             std::strcmp(argument, "1") == 0) {
-    mode = 1;
-  } else {
+  const bool manual = std::strcmp(argument, "MANUAL") == 0 || std::strcmp(argument, "0") == 0;
+  const bool automatic = std::strcmp(argument, "AUTO") == 0 || std::strcmp(argument, "1") == 0;
+  if (!manual && !automatic) {
     put(reply, "Invalid LAN Mode Opearation Parameter");
     return;
   }
-  const int32_t status = QBVISA_SetLANMode(session, mode);
+  const int32_t status = QBVISA_SetLANMode(session, automatic ? 1 : 0);
   if (status < 0) {
     putError(reply, status);
   } else {
@@ -246,17 +242,15 @@ void firmwareVersions(uint32_t session, const Reply &reply) {
 // The device summary: its first text names the module, its second the
 // manufacturer.
 void deviceText(uint32_t session, bool manufacturer, const Reply &reply) {
-  char module[10] = {};
-  char maker[10] = {};
-  char serial[10] = {};
-  char version[10] = {};
-  const int32_t status =
-      QBVISA_GetDeviceInfo(session, module, maker, serial, version, 10);
+  // The summary texts are 10-byte fields.
+  char texts[4][10] = {};
+  const int32_t status = QBVISA_GetDeviceInfo(session, texts[0], texts[1], texts[2], texts[3],
+                                              sizeof texts[0]);
   if (status < 0) {
     putError(reply, status);
     return;
   }
-  put(reply, "%.9s", manufacturer ? maker : module);
+  put(reply, "%.9s", texts[manufacturer ? 1 : 0]);
 }
 
 // Diagnostic flags come back first-to-last and are shown last-to-first.
@@ -271,10 +265,11 @@ void diagnosticFlags(int32_t status, const int32_t *values,
 
 void dispatch(uint32_t session, ChassisRecord *record, Caller caller,
               uint32_t id, const char *argument, const Reply &reply) {
-  uint32_t value = 0;
-  int32_t status = 0;
+  // Each case sets what it reads of these before reading it.
+  uint32_t value{};
+  int32_t status{};
   int32_t flags[4] = {};
-  uint32_t flagCount = 0;
+  uint32_t flagCount{};
   switch (id) {
     case kCmdIdentify:
     case kCmdReset:

@@ -63,11 +63,11 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
   // A registry record's slot keeps a table that takes the caller's words
   // straight to the frame; any other record goes point by point.
   uint16_t frame[qbvisa::kRelayFrameWords];
-  int32_t frameBytes = 0;
+  int32_t frameBytes{};
   int32_t status =
       qbvisa::buildPreparedFrame(*record, array, words, frame, &frameBytes);
   if (status == 0) status = qbvisa::sendRelayFrame(*record, frame, frameBytes, locked);
-  if (status != qbvisa::kNotPrepared) return status < 0 ? status : 0;
+  if (status != qbvisa::kNotPrepared) return qbvisa::failureOrZero(status);
 
   // The frame builder reads the slot's points only; those the caller's
   // words do not reach start open.
@@ -79,7 +79,7 @@ QBVISA_EXPORT int32_t OpMatrix(ChassisRecord *record, uint64_t slot,
       array, record->slots[0].arrayWordLimit,
       static_cast<int32_t>(std::min<uint32_t>(words, INT32_MAX)), points);
   status = SendRelayStateType0(record, points, frame, locked);
-  return status < 0 ? status : 0;
+  return qbvisa::failureOrZero(status);
 }
 
 QBVISA_EXPORT int32_t QBVISA_OpMatrix(uint32_t session, uint64_t slot,

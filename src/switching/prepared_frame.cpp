@@ -233,8 +233,8 @@ bool placeAll(const PreparedSlot &entry, const uint32_t *array, uint32_t end,
     const uint32_t stop = bits & entry.stops[i];
     if (stop != 0) {
       // The points before the first closed one outside the geometry go out.
-      place<Stride>(entry.where, i * 32, bits & ((stop & (0u - stop)) - 1u),
-                    payload, placed);
+      const uint32_t before = (1u << std::countr_zero(stop)) - 1u;
+      place<Stride>(entry.where, i * 32, bits & before, payload, placed);
       return true;
     }
     place<Stride>(entry.where, i * 32, bits, payload, placed);
