@@ -5,6 +5,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -75,51 +78,31 @@ class ScpiBench : public ::testing::Test {
   uint32_t remote421 = 0, local421 = 0, rk420 = 0;
 };
 
+// Rows of tests/data/scpi_replies.tsv: chassis, fault, line, reply. The row
+// is rendered again from what the query and the write answer.
 TEST_F(ScpiBench, RepliesOfQueriesRefusalsAndTransportFailures) {
   using qbsim::Fault;
-  struct Case {
-    uint32_t session;
-    const char *line;
-    std::string reply;
-    std::optional<Fault> fault = std::nullopt;  // injected on the remote RK421
-  };
-  const Case cases[] = {
-      {remote421, ":SYST:VERS?", "Fw Version: CTR 3.06, COM 1.02"},
-      {remote421, ":SYST:MANF?", "A1"}, {remote421, ":SYSTem:MODule?", "042A"},
-      {remote421, ":SYST:COMM:LAN:IP:ADDR?", "192.168.1.10"},
-      {local421, ":SYSemT:COMMunication:LAN:MODE?", "LAN Mode: AutoIP"},
-      {remote421, ":SYST:COMM:RS232:BAUD?", "RS232 Baudrate:115200"},
-      {local421, ":SYSTem:ConTRoL:MODE?", "Control Mode : Local"},
-      // Flags are shown last to first.
-      {local421, ":DIAG:TEST:CARD:BIP?", "1101"}, {local421, ":DIAG:TEST:CARD:SPILOOP?", "0110"},
-      {remote421, ":DIAG:TEST:CARD:STAT?", "Self Test Pass"},
-      {local421, ":DIAG:TEST:CARD:STAT?", messageOf(QBVISA_ERR_SPI_LOOP)},
-      // Settings refused before anything is sent.
-      {local421, ":SYST:CTRL:SET: LOCAL", "Local/Remote Control Mode Conflict"},
-      {local421, ":SYST:CTRL:SET: FOO", "Local/Remote Control Mode Conflict"},
-      {remote421, ":SYST:COM:LAN:SET:MODE FAST", "Invalid LAN Mode Opearation Parameter"},
-      {remote421, ":SYST:COMM:GPIB:RDEV:ADDR 1A", "Invalid GPIB Address Parameter"},
-      {remote421, ":SYST:COMM:GPIB:RDEV:ADDR 4294967303", messageOf(QBVISA_ERR_GPIB_ADDRESS)},
-      {remote421, ":SYST:COMM:LAN:IP:ADDR 300.1.1.1", messageOf(QBVISA_ERR_BAD_IP)},
-      {remote421, ":SYST:COMM:RS232:BAUD 9600",
-       "Unknown SCPI Command, Please Refer to the User Manual And Try Again"},
-      // A command of the RK421 alone, on an RK420.
-      {rk420, ":SYST:COMM:RS232:BAUD?", messageOf(QBVISA_ERR_NOT_SUPPORTED)},
-      // The transport fails under the command.
-      {remote421, "*IDN?", "Send data failed!", Fault::WriteFails},
-      {remote421, "*IDN?", "Receive data failed!", Fault::ReadFails},
-      {remote421, "*RST>", "send data failed!", Fault::WriteFails},
-      {remote421, "*RST>", "recv data failed!", Fault::ReadFails},
-      {remote421, ":SYST:CTRL:MODE?", messageOf(QBVISA_ERR_DEVICE_FAILURE), Fault::FailureReply},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.line);
-    if (c.fault) qbsim::injectFault(kRemote421, *c.fault);
-    EXPECT_EQ(query(c.session, c.line), c.reply);
-    if (c.fault) qbsim::injectFault(kRemote421, *c.fault);
-    EXPECT_EQ(QBVISA_SCPIWrite(c.session, c.line), 0);
-    EXPECT_EQ(Record(c.session)->scpiReply, c.reply);
+  const std::map<std::string, uint32_t> sessions = {
+      {"remote421", remote421}, {"local421", local421}, {"rk420", rk420}};
+  const std::map<std::string, Fault> faults = {
+      {"WriteFails", Fault::WriteFails}, {"ReadFails", Fault::ReadFails}, {"FailureReply", Fault::FailureReply}};
+  std::ifstream table(QBVISA_TEST_DATA "/scpi_replies.tsv");
+  int rows = 0;
+  for (std::string row; std::getline(table, row);) {
+    if (row.empty() || row[0] == '#') continue;
+    ++rows;
+    std::istringstream fields(row);
+    std::string chassis, fault, line;
+    std::getline(fields, chassis, '\t'), std::getline(fields, fault, '\t'), std::getline(fields, line, '\t');
+    const std::string input = chassis + "\t" + fault + "\t" + line + "\t";
+    const uint32_t session = sessions.at(chassis);
+    if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
+    EXPECT_EQ(input + query(session, line), row);
+    if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
+    EXPECT_EQ(QBVISA_SCPIWrite(session, line.c_str()), 0);
+    EXPECT_EQ(input + Record(session)->scpiReply, row);
   }
+  EXPECT_EQ(rows, 24);
   // Nothing above sent a setting.
   for (uint16_t command : Commands(kLocal421)) EXPECT_NE(command, 6);
   for (uint16_t command : Commands(kRemote421)) EXPECT_TRUE(command != 20 && command != 48);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,8 +29,6 @@ namespace {
 using Points = std::vector<std::pair<int, int>>;
 
 constexpr const char *kBadPoint = "Error: Invalid crosspoint format";
-constexpr const char *kBadSubunit = "Error: Invalid subunit format\n";
-constexpr const char *kUnbalanced = "Error: Unmatched parentheses in input.";
 
 struct Parsed {
   int subunit;
@@ -37,53 +36,32 @@ struct Parsed {
   std::string message;
 };
 
-struct LineCase {
-  const char *line;
-  uint32_t id;
-  const char *argument = nullptr;  // nullptr: the argument area stays untouched
-};
+// Rows of a reviewed table under tests/data: the input up to the first tab,
+// then what it must yield. Each test renders its own row from the input and
+// compares whole rows, so a wrong field shows with its input.
+std::vector<std::string> tableRows(const char *file) {
+  std::ifstream in(std::string(QBVISA_TEST_DATA "/") + file);
+  EXPECT_TRUE(in.good()) << file;
+  std::vector<std::string> rows;
+  for (std::string row; std::getline(in, row);)
+    if (!row.empty() && row[0] != '#') rows.push_back(row);
+  return rows;
+}
 
-// Table entries the text-command bench tests do not send, setters with their
-// argument, queries with trailing text that is ignored, and near misses.
-const LineCase kLines[] = {
-    // Any lower-case letter selects the long forms.
-    {"*IDN?xyz", 0}, {"*RST>now", 4}, {":SYSTem:VERSion?", 1}, {":SYSTem:MANF?", 2},
-    {":SYSTem:MODule? extra", 3}, {":SYSemT:COMMunication:LAN:IP:ADDRess?", 6},
-    {":SYSemT:COMMunication:LAN:SET:MODE AUTO", 7, "AUTO"},
-    {":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess 7", 14, "7"},
-    {":SYSTem:COMMunicate:RS232:BAUD 9600", 15, "9600"}, {":SYSTem:COMMunicate:RS232:BAUD?", 17},
-    {":DIAGnostic:TEST:CARD:BIP?", 9}, {":DIAGnostic:TEST:CARD:SPILOOP?", 10},
-    {":DIAGnostic:TEST:CARD:STATe?", 11}, {"[:ROUTe]:OPEN:ALL", 20},
-    {"[:ROUTe]:CLOSe (@1(1!1))", 19, "(@1(1!1))"}, {"[:ROUTe]:CLOSe:ALL", 21},
-    {":CLOSe   (@1(1!1))", 19, "  (@1(1!1))"},
-    // No lower-case letter: the short forms.
-    {":SYST:VERS?X", 1}, {":SYST:MOD?", 3}, {":SYST:COMM:LAN:MODE?", 8},
-    {":SYST:COMM:GPIB:RDEV:ADDR?", 16}, {":SYST:COMM:RS232:BAUD 115200", 15, "115200"},
-    {"[:ROUT]:OPEN (@1(2!2))", 18, "(@1(2!2))"}, {"[:ROUT]:CLOS (@1(2!2))", 19, "(@1(2!2))"},
-    {":OPEN:ALLX", 20}, {":CLOS:ALL", 21}, {":CLOS ", 19, ""},
-    // The bracketed upper-case ":ALL" forms are list commands with an empty list.
-    {"[:ROUT]:CLOS:ALL", 19, ""},
-    // Not recognised: the wrong table for the case used, or near misses.
-    {":SYSTEM:VERSION?", 22}, {":SYST:VERS?x", 22}, {":syst:vers?", 22}, {"*RST", 22},
-    {":SYSTem:COMMunication:LAN:MODE?", 22}, {":SYST:COMM:LAN:SET:MODE AUTO", 22},
-    {":SYST:CTRL:SET:LOCAL", 22}, {":CLOSE (@1(1!1))", 22}, {"", 22},
-};
+std::string inputOf(const std::string &row) { return row.substr(0, row.find('\t')); }
 
 TEST(LineMatching, TableEntriesYieldTheirIdAndArgument) {
-  for (const LineCase &c : kLines) {
-    SCOPED_TRACE(c.line);
+  const auto rows = tableRows("scpi_lines.tsv");
+  EXPECT_EQ(rows.size(), 37u);
+  for (const std::string &row : rows) {
+    const std::string line = inputOf(row);
     char message[64] = "untouched";
     char argument[QBVISA_SCPI_ARGUMENT_SIZE];
     std::memset(argument, '#', sizeof argument);
     uint32_t id = 99;
-    scpi_parser(0, c.line, message, argument, &id);
-    EXPECT_EQ(id, c.id);
-    EXPECT_STREQ(message, c.id == 22 ? "Unknown Command" : "untouched");
-    if (c.argument != nullptr) {
-      EXPECT_STREQ(argument, c.argument);
-    } else {
-      EXPECT_EQ(argument[0], '#');
-    }
+    scpi_parser(0, line.c_str(), message, argument, &id);
+    EXPECT_STREQ(message, id == 22 ? "Unknown Command" : "untouched") << line;
+    EXPECT_EQ(line + "\t" + std::to_string(id) + "\t" + (argument[0] == '#' ? "~" : argument), row);
   }
 }
 
@@ -112,36 +90,16 @@ Parsed parse(const std::string &text) {
 }
 
 TEST(ListParsing, YieldsPointsSubunitAndMessage) {
-  const struct {
-    const char *text;
-    int subunit;
-    Points points;
-    const char *message;
-  } cases[] = {
-      {"(@1(2!4:1!2))", 1, {{1, 2}, {1, 3}, {1, 4}, {2, 2}, {2, 3}, {2, 4}}, ""},
-      {"(@1(3!3:2!2,1!1))", 1, {{2, 2}, {2, 3}, {3, 2}, {3, 3}, {1, 1}}, ""},
-      {"(@2(1!1,,1!1,))", 2, {{1, 1}, {1, 1}}, ""}, {"(@123(1!1))", 123, {{1, 1}}, ""},
-      {"(@1000(1!1))", 1000, {{1, 1}}, ""},  // four digits: the slice starts one further on
-      {"(@0012(1!1))", 12, {{2, 1}}, ""},  // the slice is shifted by "00"
-      {"(::(1!1))", 0, {{1, 1}}, ""},      // no "@": subunit 0
-      {"1!1", 0, {}, ""}, {"(@1(1234567890!1))", 1, {{1234567890, 1}}, ""},
-      {"(@1(1!0000000000000000000007))", 1, {{1, 7}}, ""},
-      // Errors; parsing goes on with the next item.
-      {"(@1(0!1))", 1, {}, kBadPoint}, {"(@1(1!0))", 1, {}, kBadPoint}, {"(@1(1!1,5,2!2))", 1, {{1, 1}, {2, 2}}, kBadPoint},
-      {"(@1(0!1,1!1:2))", 1, {}, "Error: Invalid range format."},
-      {"(@1(1!1:0!2))", 1, {}, kBadPoint}, {"(@1(00000000001!1))", 1, {}, kBadPoint},
-      {"(@1(9999999999!1))", 1, {}, kBadPoint}, {"(@1(1!1:1!4294967297))", 1, {}, kBadPoint},
-      {"(@x(1!1))", 0, {}, kBadSubunit}, {"(@(1!1))", 0, {}, kBadSubunit},
-      {"(@99999999999(1!1))", 0, {}, kBadSubunit}, {"(@1(1!1)", 1, {}, kUnbalanced},
-      {"(@1))((1!1)", 1, {}, kUnbalanced},  // counts even, but ")" before its "("
-      {"(@1(1!))", 1, {}, "Error: Empty content in parentheses.\n"},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.text);
-    const Parsed parsed = parse(c.text);
-    EXPECT_EQ(parsed.subunit, c.subunit);
-    EXPECT_EQ(parsed.points, c.points);
-    EXPECT_EQ(parsed.message, c.message);
+  const auto rows = tableRows("crosspoint_lists.tsv");
+  EXPECT_EQ(rows.size(), 24u);
+  for (const std::string &row : rows) {
+    const Parsed parsed = parse(inputOf(row));
+    std::string rendered = inputOf(row) + "\t" + std::to_string(parsed.subunit) + "\t";
+    for (const auto &[r, c] : parsed.points)
+      rendered += (&r == &parsed.points.front().first ? "" : " ") + std::to_string(r) + "!" + std::to_string(c);
+    rendered += "\t";
+    for (char ch : parsed.message) rendered += ch == '\n' ? std::string("\\n") : std::string(1, ch);
+    EXPECT_EQ(rendered, row);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -72,7 +73,8 @@ TEST(UtilitiesTest, ArraysAreLaidOutFilledCountedAndFreed) {
   EXPECT_EQ(countOnes3D(cube, 2, 3, 4), 21);
   EXPECT_EQ(countOnes(cube, 1, 3, 4), 11);
   free3int(cube);
-  EXPECT_EQ(alloc3int(0, 2, 0, 4, 1), nullptr);
+  for (auto [a, b, c] : {std::tuple{0, 3, 4}, {2, 0, 4}, {2, 3, 0}})
+    EXPECT_EQ(alloc3int(0, a, b, c, 1), nullptr) << a << b << c;
 }
 
 TEST(UtilitiesTest, Dec2BinWritesBitsLeastSignificantFirstIntoOneArray) {
