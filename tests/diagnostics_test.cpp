@@ -52,6 +52,8 @@ TEST(SelfTest, VerdictTextAndCode) {
 
 TEST(BoardsAndLoops, FlagsOfFourPositions) {
   const uint32_t session = Connect({0, 1, 0, 1}, {1, 0, 0, 1});
+  qbtest::Scope tap;  // replies just long enough for the four flags will do
+  qbtest::onRead = [](uint8_t *, uint32_t &count) { count = std::min(count, 6u); };
   for (uint64_t position = 0; position < 4; ++position) {
     EXPECT_EQ(QBVISA_BoardInPlace(session, position), position % 2 == 1 ? 0 : QBVISA_ERR_CARD_IN_PLACE);
   }
@@ -183,6 +185,13 @@ TEST(OnlineUpdate, Refusals) {
     EXPECT_EQ(Commands(kName), c.sent);
     EXPECT_EQ(qbsim::firmwareImage(kName).empty(), c.onRead == nullptr);  // only a reply was changed
   }
+  session = Connect();  // a reply without a single byte carries no verdict
+  {
+    qbtest::Scope tap;
+    qbtest::onRead = [](uint8_t *, uint32_t &count) { count = 0; };
+    EXPECT_EQ(QBVISA_OnlineUpdate(session, image.path.c_str()), QBVISA_ERR_RECEIVE);
+  }
+  EXPECT_EQ(Commands(kName), (std::vector<uint16_t>{96}));
   session = Connect();  // an image beyond the chassis's flash (a sparse file)
   ASSERT_EQ(truncate(image.path.c_str(), 17 << 20), 0);
   EXPECT_EQ(QBVISA_OnlineUpdate(session, image.path.c_str()), QBVISA_ERR_UPDATE_CHECK);

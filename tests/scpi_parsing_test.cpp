@@ -103,6 +103,22 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
   }
 }
 
+// One item on its own: 0 and its points added, or -1 and nothing added.
+TEST(ListParsing, EachItemReportsItsOwnOutcome) {
+  const std::pair<const char *, int> items[] = {
+      {"2!3", 1},     {"2!3:1!2", 4},  {"11", -1},      {"a!1", -1},           {"0!1", -1},
+      {"1!1:2", -1},  {"1!1:x!2", -1}, {"1!1:0!1", -1}, {"1!1:1000!1001", -1},
+  };
+  for (const auto &[item, added] : items) {
+    SCPIResult result{};
+    char message[256] = {};
+    EXPECT_EQ(parseCrosspoints(&result, item, message), added < 0 ? -1 : 0) << item;
+    EXPECT_EQ(result.count, std::max(added, 0)) << item;
+    freeSCPIResult(&result);
+  }
+  EXPECT_EQ(parseCrosspoints(nullptr, "1!1", nullptr), -1);
+}
+
 TEST(ListParsing, ParenthesesBalance) {
   const std::pair<const char *, int> cases[] = {
       {"(@1(1!1))", 1}, {"", 1}, {nullptr, 1}, {"(()", 0}, {")(", 0}, {"())(", 0}};
@@ -140,8 +156,10 @@ TEST(ListParsing, BoundsOfTheSliceAndOfTheRectangle) {
   const rlimit limit{size, size};
   setrlimit(RLIMIT_AS, &limit);
   char message[64] = {};
-  SCPIResult result = parseSCPICrossPoint("(@1(1!1,1!1:999!1000))", message);
-  const bool kept = result.count == 1 && result.points[0].row == 1;
+  SCPIResult result{};
+  const bool first = parseCrosspoints(&result, "1!1", message) == 0;
+  const bool refused = parseCrosspoints(&result, "1!1:999!1000", message) == -1;
+  const bool kept = first && refused && result.count == 1 && result.points[0].row == 1;
   freeSCPIResult(&result);
   std::_Exit(kept && !std::strcmp(message, "Error: Not enough memory for crosspoints") ? 0 : 1);
 }

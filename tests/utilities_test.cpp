@@ -19,6 +19,14 @@ namespace {
 
 using Texts = std::initializer_list<const char *>;
 
+// Callers size their point arrays from these exported geometry values.
+TEST(UtilitiesTest, ExportedGeometryValues) {
+  EXPECT_EQ(std::vector<int32_t>({MATRIXPOINTCOUNT, GX3_SUBMATRIXCOL, GX4_SUBMATRIXCOL, GX4_MATRIXPOINTCOUNT,
+                                  GX4C_SUBMATRIXCOL, GX4C_MATRIXPOINTCOUNT, GX4Mix_SUBMATRIXCOL,
+                                  GX4Mix_MATRIXPOINTCOUNT}),
+            std::vector<int32_t>({600, 7, 7, 800, 7, 800, 7, 800}));
+}
+
 TEST(UtilitiesTest, RotateRightMovesTheLastByteOfTheRangeToItsFront) {
   const struct {
     int32_t first, end, times;

@@ -187,8 +187,10 @@ QBVISA_EXPORT int32_t IsBoardExists(ChassisRecord *record, uint64_t slot) {
 }
 
 QBVISA_EXPORT int32_t GetSlotHW(ChassisRecord *record, int32_t n) {
-  const int64_t at = (int64_t{n} - 1) * 10 + 24;
-  if (record == nullptr || at < 0 || at >= 200) return QBVISA_ERR_PARAMETER;
+  // Entry n sits at byte (n - 1) * 10 + 24 of the 200-byte slot list, so
+  // n runs from -1 (byte 4) to 18 (byte 194).
+  if (record == nullptr || n < -1 || n > 18) return QBVISA_ERR_PARAMETER;
+  const int32_t at = (n - 1) * 10 + 24;
   // Only the entry is wanted: a failed exchange reads as 0 from the cleared
   // reply buffer.
   sendBareRequest(*record, kIdentityQuery);

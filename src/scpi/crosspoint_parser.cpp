@@ -199,7 +199,6 @@ QBVISA_EXPORT SCPIResult parseSCPICrossPoint(const char *text, char *message) {
   const int64_t textLength = static_cast<int64_t>(std::strlen(text));
   const int64_t start = (open - text) + digits + 3;
   int64_t length = close - open - 5;
-  if (start >= textLength) length = 0;
   length = std::min({length, textLength - start, static_cast<int64_t>(kListBufferSize) - 1});
   char list[kListBufferSize] = {};
   if (length > 0) std::memcpy(list, text + start, static_cast<size_t>(length));

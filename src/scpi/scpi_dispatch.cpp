@@ -231,7 +231,7 @@ void setLanMode(uint32_t session, const char *argument, const Reply &reply) {
 
 void firmwareVersions(uint32_t session, const Reply &reply) {
   char list[kVersionListSize] = {};
-  const int32_t status = QBVISA_GetSWVersion(session, list, 50);
+  const int32_t status = QBVISA_GetSWVersion(session, list, sizeof list);
   if (status < 0) {
     putError(reply, status);
     return;
