@@ -9,6 +9,7 @@
 #include <string>
 
 #include "core/chassis_model.h"
+#include "golden.hpp"
 #include "qbvisa_lowlevel.h"
 #include "wiring/crosspoint_wiring.h"
 
@@ -73,29 +74,26 @@ TEST(ChassisModelTest, RowsMatchTheReviewedTable) {
   EXPECT_EQ(out.str(), std::string(std::istreambuf_iterator<char>(file), {}));
 }
 
-TEST(ChassisModelTest, EveryCrosspointOfEveryModelHasARelayOnItsBoard) {
+// Every relay each crosspoint of every model closes, and of each card kind's
+// row 0 (no chassis row: crosspoint and Y isolation only), against the reviewed
+// wiring (tests/data/crosspoint_relays.txt, one line a row: group/bit each).
+TEST(ChassisModelTest, EveryCrosspointClosesTheReviewedRelays) {
   InitPointInfo();
-  for (const ChassisModel &model : chassisModels()) {
-    SCOPED_TRACE(model.name);
-    const MainGeometry &g = model.current;
-    for (uint32_t row = 0; row < g.rowCount; ++row)
-      for (uint32_t column = 0; column < g.columnCount; ++column) {
-        const PointRelays relays =
-            pointRelays(&model, model.slot0Kind, g.wordsPerGroup, row, column);
-        ASSERT_GE(relays.count, 2);
-        EXPECT_GE(relays.at[0].group, 0);
-        EXPECT_LT(relays.at[0].group, g.wordsPerGroup * (model.rowBlocks ? 4 : 1));
-        EXPECT_GE(relays.at[0].position, 0);
-        EXPECT_LT(relays.at[0].position, 16);
-      }
-  }
-}
-
-// A card kind has no chassis row: its crosspoints close the matrix and Y
-// isolation relays only.
-TEST(ChassisModelTest, CardCrosspointsCloseTwoRelays) {
-  InitPointInfo();
-  EXPECT_EQ(pointRelays(nullptr, MATRIX_KIND_GX4_TYPE0, 20, 0, 0).count, 2);
+  std::ostringstream out;
+  const auto row = [&out](const ChassisModel *model, uint32_t kind, const MainGeometry &g, uint32_t r) {
+    out << (model ? model->name : "kind") << ' ' << kind << " row " << r << ':';
+    for (uint32_t column = 0; column < g.columnCount; ++column) {
+      const PointRelays relays = pointRelays(model, kind, g.wordsPerGroup, r, column);
+      out << ' ';
+      for (int i = 0; i < relays.count; ++i) out << (i ? "," : "") << relays.at[i].group << '/' << relays.at[i].position;
+    }
+    out << '\n';
+  };
+  for (const ChassisModel &model : chassisModels())
+    for (uint32_t r = 0; r < model.current.rowCount; ++r) row(&model, model.slot0Kind, model.current, r);
+  for (const CardType &card : cardTypes())
+    row(nullptr, card.matrixKind, {0, 0, 8, 0, 0, card.wordsPerGroup, 0}, 0);
+  qbgolden::expectGolden("crosspoint_relays.txt", out.str());
 }
 
 TEST(ChassisModelTest, CardsHaveNamesAndSizes) {

@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <optional>
+#include <sstream>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "switching/relay_frame.h"
+#include "golden.hpp"
 #include "bench.hpp"
 
 namespace {
@@ -44,16 +47,6 @@ bool lastArrayHolds(const Connection &c, const std::vector<uint32_t> &words) {
   return std::memcmp(c.record->slots[0].lastArray, words.data(), words.size() * 4) == 0;
 }
 
-// The 16-bit words of the one frame written since the traffic was cleared.
-std::vector<uint16_t> sentWords(const Connection &c) {
-  const auto writes = qbsim::writes(c.resource);
-  EXPECT_EQ(writes.size(), 1u);
-  std::vector<uint16_t> words;
-  for (size_t i = 0; writes.size() == 1 && i + 1 < writes[0].size(); i += 2)
-    words.push_back(static_cast<uint16_t>(writes[0][i] | writes[0][i + 1] << 8));
-  return words;
-}
-
 class SwitchingTest : public ::testing::Test {
  protected:
   // Some cases bend a location entry to reach relays no point uses; each
@@ -61,44 +54,57 @@ class SwitchingTest : public ::testing::Test {
   void TearDown() override { InitPointInfo(); }
 };
 
-// Worked out by hand from the wiring of each model: a point closes its
-// crosspoint and the isolation relays its kind needs, on the board of its
-// sub-matrix. Bit group g of board b travels as frame word 2 + b*W + (W-1-g).
-TEST_F(SwitchingTest, PointsCloseTheirRelaysWithByteExactFrames) {
+// One call as a transcript line: the status, each frame's byte count and
+// non-zero 16-bit words (index:hex), and the relays the chassis holds closed.
+std::string transcript(const Connection &c, const std::string &what, const std::vector<uint32_t> &words) {
+  qbsim::clearTraffic(c.resource);
+  std::ostringstream out;
+  out << what << ": " << opMatrix(c, words) << std::hex;
+  for (const auto &frame : qbsim::writes(c.resource)) {
+    out << " frame " << std::dec << frame.size() << std::hex;
+    const std::vector<uint16_t> w = qbtest::Words(frame);
+    for (size_t i = 0; i < w.size(); ++i)
+      if (w[i] != 0) out << ' ' << i << ':' << w[i];
+  }
+  out << " closed" << std::dec;
+  for (const Relay &r : qbsim::closedRelays(c.resource)) out << ' ' << r.board << '/' << r.group << '/' << r.bit;
+  return out.str() + "\n";
+}
+
+// Frames and closed relays against the reviewed transcript
+// (tests/data/switching_transcript.txt). A point closes its crosspoint and the
+// isolation relays its kind needs, on the board of its sub-matrix; bit group g
+// of board b travels as frame word 2 + b*W + (W-1-g).
+TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
+  std::string out;
   struct Case {
     const char *what;
     Model model;
     std::vector<Point> points;
-    std::vector<Relay> relays;          // sorted
-    std::map<size_t, uint16_t> frame;   // instead: word index -> value, from word 1
-    uint32_t mask = 0;                  // fitted sub-matrices; 0: all
-    uint16_t rows = 0;                  // 0: as opened
-    uint8_t lt = 0;                     // bit j: LT relay j closed
+    uint32_t mask = 0;   // fitted sub-matrices; 0: all
+    uint16_t rows = 0;   // 0: as opened
+    uint8_t lt = 0;      // bit j: LT relay j closed
   } cases[] = {
-      {"RK420 board 4", Model::RK420, {{0, 4, 0}}, {}, {{1, 120}, {61, 0x0041}, {59, 0x0080}}},
-      {"RK420B", Model::RK420B, {{6, 4, 1}}, {{4, 6, 7}, {4, 6, 8}, {4, 8, 7}}, {}},
-      {"RK421 column 0 is wired as 5, row 4 adds CV", Model::RK421, {{4, 1, 0}},
-       {{1, 5, 5}, {1, 6, 5}, {1, 6, 6}, {1, 6, 15}}, {}},
-      {"RK421 column 6 as is", Model::RK421, {{0, 0, 6}}, {}, {{1, 104}, {14, 0x0180}, {10, 0x0040}}},
-      {"RK422 bits from 1", Model::RK422, {{0, 0, 0}}, {}, {{1, 2058}, {50, 0x0080}, {2, 0x0010}}},
-      {"RK422 row 3", Model::RK422, {{3, 20, 24}}, {{20, 12, 6}, {20, 48, 7}}, {}},
+      {"RK420 board 4", Model::RK420, {{0, 4, 0}}},
+      {"RK420B", Model::RK420B, {{6, 4, 1}}},
+      {"RK421 column 0 is wired as 5, row 4 adds CV", Model::RK421, {{4, 1, 0}}},
+      {"RK421 column 6 as is", Model::RK421, {{0, 0, 6}}},
+      {"RK422 bits from 1", Model::RK422, {{0, 0, 0}}},
+      {"RK422 row 3", Model::RK422, {{3, 20, 24}}},
       // Rows 4 and up of the RK422 land beyond the 49 words a board sends.
-      {"RK422 row 5", Model::RK422, {{5, 0, 0}}, {}, {}},
-      {"RK423 row 7", Model::RK423, {{7, 0, 11}}, {}, {{1, 20}, {9, 0x0800}, {4, 0x0800}, {2, 0x2080}}},
-      {"RK423 LT relays alone", Model::RK423, {}, {}, {{1, 20}, {11, 0x4000}, {9, 0x2000}}, 0, 0, 3},
-      {"RK423B has no LT relays", Model::RK423B, {}, {}, {{1, 20}}, 0, 0, 3},
-      {"RK423B row 6", Model::RK423B, {{6, 0, 3}}, {{0, 2, 3}, {0, 7, 3}, {0, 8, 3}, {0, 8, 6}}, {}},
+      {"RK422 row 5", Model::RK422, {{5, 0, 0}}},
+      {"RK423 row 7", Model::RK423, {{7, 0, 11}}},
+      {"RK423 LT relays alone", Model::RK423, {}, 0, 0, 3},
+      {"RK423B has no LT relays", Model::RK423B, {}, 0, 0, 3},
+      {"RK423B row 6", Model::RK423B, {{6, 0, 3}}},
       // With sub-matrices 0, 2 and 4 fitted, sub-matrix 1 drives board 2
       // and sub-matrices 3 and 4 nothing.
-      {"RK420 partly fitted", Model::RK420, {{0, 1, 0}, {0, 3, 0}, {0, 4, 0}},
-       {{2, 0, 0}, {2, 0, 6}, {2, 2, 7}}, {}, 0x15},
+      {"RK420 partly fitted", Model::RK420, {{0, 1, 0}, {0, 3, 0}, {0, 4, 0}}, 0x15},
       // Placing stops at the first point outside the matrix: the points
       // before it are still sent, but the LT relays are not placed.
-      {"RK423 point outside", Model::RK423, {{1, 0, 0}, {5, 0, 0}, {6, 0, 2}},
-       {{0, 1, 0}, {0, 1, 6}}, {}, 0, 4, 3},
+      {"RK423 point outside", Model::RK423, {{1, 0, 0}, {5, 0, 0}, {6, 0, 2}}, 0, 4, 3},
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
     qbsim::ChassisConfig config = qbtest::chassisConfig(c.model);
     config.presenceMask = c.mask;
     config.presenceMaskSet = c.mask != 0;
@@ -107,44 +113,36 @@ TEST_F(SwitchingTest, PointsCloseTheirRelaysWithByteExactFrames) {
     slot.rowCount = c.rows != 0 ? c.rows : slot.rowCount;
     slot.ltIsolationState[0] = c.lt & 1;
     slot.ltIsolationState[1] = c.lt >> 1 & 1;
-    ASSERT_EQ(opMatrix(chassis, wordsOf(chassis, c.points)), 0);
-    if (c.frame.empty()) {
-      EXPECT_EQ(qbsim::closedRelays(chassis.resource), c.relays);
-      continue;
+    out += transcript(chassis, c.what, wordsOf(chassis, c.points));
+  }
+  // A 13-word RK420 board (firmware 1.x) never sends bits 12..15 of its bit
+  // group 12, which travels as the board's first word; the RK421's 13-word
+  // boards send them all. No table reaches that group, so an entry is bent.
+  const std::tuple<Model, int, uint32_t> bent[] = {
+      {Model::RK420, 11, 0}, {Model::RK420, 12, 0}, {Model::RK420B, 14, 3}, {Model::RK421, 13, 0}};
+  for (const auto &[model, bit, sub] : bent) {
+    const Connection chassis = qbtest::readyChassis(qbtest::chassisConfig(model, 1, 2));
+    (model == Model::RK421 ? RK421_matrixLocation[0][5] : matrixLocation[0][0]) = PointLocation{12, bit, 0};
+    out += transcript(chassis, std::string(qbsim::modelName(model)) + " 1.2 group 12 bit " + std::to_string(bit),
+                      wordsOf(chassis, {{0, sub, 0}}));
+    InitPointInfo();
+  }
+  // Whole patterns on every model and firmware generation, all or some
+  // sub-matrices fitted, with and without the LT relays asked for.
+  const std::pair<Model, int> generations[] = {{Model::RK420, 3}, {Model::RK420, 1}, {Model::RK420B, 3},
+      {Model::RK421, 3}, {Model::RK422, 3}, {Model::RK423, 3}, {Model::RK423B, 3}};
+  for (const auto &[model, major] : generations)
+    for (uint32_t mask : {0u, 0x15u}) {
+      qbsim::ChassisConfig config = qbtest::chassisConfig(model, uint8_t(major));
+      config.presenceMask = mask;
+      config.presenceMaskSet = mask != 0;
+      const Connection chassis = qbtest::readyChassis(config);
+      const std::string name = std::string(qbsim::modelName(model)) + " " + std::to_string(major) + " mask " + std::to_string(mask);
+      out += transcript(chassis, name + " every 7th", everyNth(chassis, 7, 0));
+      chassis.record->slots[0].ltIsolationState[0] = chassis.record->slots[0].ltIsolationState[1] = 1;
+      out += transcript(chassis, name + " every 11th from 3, LT", everyNth(chassis, 11, 3));
     }
-    std::vector<uint16_t> expected(2 + c.frame.at(1) / 2, 0);
-    expected[0] = 19;
-    for (const auto &[index, value] : c.frame) expected[index] = value;
-    EXPECT_EQ(sentWords(chassis), expected);
-  }
-}
-
-// A 13-word RK420 board (firmware 1.x) never sends bits 12..15 of its bit
-// group 12, which travels as the board's first word. No table reaches that
-// group, so a location entry is bent to point there.
-TEST_F(SwitchingTest, ThirteenWordBoardsDropTheTopBitsOfGroup12) {
-  const struct {
-    Model model;
-    int bit;
-    uint32_t sub;
-    size_t wordIndex;
-    bool sent;
-  } cases[] = {
-      {Model::RK420, 11, 0, 2, true},  {Model::RK420, 12, 0, 2, false},
-
-      {Model::RK420B, 14, 3, 41, false},
-      {Model::RK421, 13, 0, 2, true},  // also 13 words a board, all sent
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(testing::Message() << qbsim::modelName(c.model) << " bit " << c.bit);
-    const Connection chassis = qbtest::readyChassis(qbtest::chassisConfig(c.model, 1, 2));
-    ASSERT_EQ(chassis.record->slots[0].wordsPerGroup, 13);
-    PointLocation &entry =
-        c.model == Model::RK421 ? RK421_matrixLocation[0][5] : matrixLocation[0][0];
-    entry = PointLocation{12, c.bit, 0};
-    ASSERT_EQ(opMatrix(chassis, wordsOf(chassis, {{0, c.sub, 0}})), 0);
-    EXPECT_EQ(sentWords(chassis).at(c.wordIndex), c.sent ? 1u << c.bit : 0u);
-  }
+  qbgolden::expectGolden("switching_transcript.txt", out);
 }
 
 // Points are added one at a time, each kept only if the chassis takes it: the
@@ -307,6 +305,10 @@ TEST_F(SwitchingTest, GeometryOutsideTheImageIsRefused) {
   EXPECT_EQ(SendRelayStateType0(c.record, points.data(), frame.data(), 1), QBVISA_ERR_PARAMETER);
   EXPECT_TRUE(qbsim::writes(c.resource).empty());
   slot.wordsPerGroup = 49;
+  // The caller's frame past the payload is not written.
+  std::fill(frame.begin(), frame.end(), uint16_t{0xA5A5});
+  ASSERT_EQ(SendRelayStateType0(c.record, points.data(), frame.data(), 1), 0);
+  EXPECT_EQ(frame.at(2 + 21 * 49), 0xA5A5);
   // A sub-matrix on board 30 closes what a sub-matrix on no board does.
   slot.subMatrixGroup[0] = -1;
   ASSERT_EQ(opMatrix(c, words), 0);
