@@ -6,14 +6,12 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <map>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "golden.hpp"
 #include "qbvisa_lowlevel.h"
 
 bool operator==(const PointLocation &a, const PointLocation &b) {
@@ -78,12 +76,6 @@ struct Table {
     return entries[r * width() + (columns ? c : 0)];
   }
   std::vector<PointLocation> copy() const { return {entries, entries + size()}; }
-  // The tables whose wiring is there from load, before any filler runs.
-  bool preset() const {
-    const std::string n = name;
-    return n.rfind("GX3_", 0) == 0 || n.rfind("GX4_cascade", 0) == 0 || n == "matrixLocation" ||
-           n == "isoLocationX" || n == "isoLocationY" || n == "matrixAPLocation";
-  }
 };
 
 template <std::size_t R, std::size_t C>
@@ -101,17 +93,6 @@ const Table kTables[] = {FILLED(TABLE_OF) TABLE_OF(GX4C_cascadeLocation_AB, null
     TABLE_OF(GX4CNew_cascadeLocation_CD, nullptr) TABLE_OF(GX4C_IN_AB, nullptr)
     TABLE_OF(GX4C_IN_CD, nullptr)};
 
-const Table *tableNamed(const std::string &name) {
-  for (const Table &t : kTables)
-    if (name == t.name) return &t;
-  return nullptr;
-}
-const Table &table(const std::string &name) {
-  const Table *t = tableNamed(name);
-  EXPECT_NE(t, nullptr) << name;
-  return t ? *t : kTables[0];
-}
-
 using Image = std::vector<std::vector<PointLocation>>;
 Image snapshot() {
   Image image;
@@ -120,6 +101,21 @@ Image snapshot() {
 }
 // Taken while the test program starts, before anything can initialise.
 const Image kAtLoad = snapshot();
+
+std::string dump(const Image &image) {
+  std::ostringstream out;
+  for (std::size_t i = 0; i < std::size(kTables); ++i)
+    for (std::size_t r = 0; r < kTables[i].rows; ++r) {
+      out << kTables[i].name << '[' << r << ']';
+      for (std::size_t c = 0; c < kTables[i].width(); ++c) {
+        const PointLocation &e = image[i][r * kTables[i].width() + c];
+        out << ' ' << e.group << '/' << e.position;
+        if (e.auxiliary != 0) out << '/' << e.auxiliary;
+      }
+      out << '\n';
+    }
+  return out.str();
+}
 
 // A byte pattern no filler writes, so that an entry left alone stands out.
 constexpr unsigned char kPoison = 0xA5;
@@ -132,22 +128,16 @@ bool poisoned(const Table &t) {
                      [](unsigned char b) { return b == kPoison; });
 }
 
-TEST(LocationTables, PresetTablesHoldTheirWiringFromLoadAndTheRestAreZero) {
+// Every entry of every table after initialisation, and as the program
+// loaded them before anything initialised (the tables whose wiring is there
+// from load, bar isoLocationY column 5, which until then goes with columns
+// 0..4; the rest zero), against the reviewed lists (tests/data/, one line a
+// row: group/byte, with the third field where it is not 0): one swapped relay
+// anywhere shows.
+TEST(LocationTables, EveryTableAtLoadAndInitialisedMatchesTheReviewedWiring) {
+  qbgolden::expectGolden("location_tables_at_load.txt", dump(kAtLoad));
   InitPointInfo();
-  for (std::size_t i = 0; i < std::size(kTables); ++i) {
-    const Table &t = kTables[i];
-    // The load-time image is the filled wiring, but for isoLocationY column 5.
-    const bool column5 = t.entries == &isoLocationY[0][0];
-    for (std::size_t k = 0; k < t.size(); ++k)
-      if (!column5 || k % 10 != 5) {
-        EXPECT_EQ(kAtLoad[i][k], t.preset() ? t.entries[k] : PointLocation{}) << t.name << k;
-      }
-  }
-  // Until initialisation column 5 goes with columns 0..4.
-  const std::size_t y = static_cast<std::size_t>(&table("isoLocationY") - kTables);
-  EXPECT_EQ(kAtLoad[y][0 * 10 + 5], (PointLocation{2, 7, 0}));
-  EXPECT_EQ(kAtLoad[y][11 * 10 + 5], (PointLocation{8, 12, 0}));
-  EXPECT_EQ(isoLocationY[0][5], (PointLocation{3, 0, 0}));
+  qbgolden::expectGolden("location_tables.txt", dump(snapshot()));
 }
 
 // Each filler writes all of its own table and nothing else; initialising
@@ -193,119 +183,57 @@ class GetPointTest : public ::testing::Test {
   void SetUp() override { InitPointInfo(); }
 };
 
-struct Lookup {
-  uint32_t kind;
-  int32_t selector;
-  uint32_t row, column;
-  int32_t group = -77, position = -88;  // the default: the result left alone
-};
-
-void expectLookups(const std::vector<Lookup> &lookups) {
-  for (const Lookup &c : lookups) {
-    RelayPosition out{-77, -88};
-    EXPECT_EQ(GetPoint(c.kind, c.selector, c.row, c.column, &out), 0);
-    EXPECT_TRUE(out.group == c.group && out.position == c.position)
-        << "kind " << c.kind << " selector " << c.selector << " at " << c.row << "," << c.column
-        << " gave " << out.group << "," << out.position;
-  }
+// What GetPoint left in its result, every entry being marked with its table
+// and place: "-" left alone, ">" the frame location read one field on.
+std::string describe(const RelayPosition &at) {
+  if (at.group == -77 && at.position == -88) return "-";
+  const bool shifted = at.group >= 1000000;
+  const int32_t table = (shifted ? at.position : at.group) - 1000;
+  const int32_t k = (shifted ? at.group : at.position) - 1000000;
+  if (table < 0 || table >= int32_t(std::size(kTables)) || k < 0)
+    return std::to_string(at.group) + "/" + std::to_string(at.position);
+  const Table &t = kTables[table];
+  return (shifted ? ">" : "") + std::string(t.name) + "[" + std::to_string(k / t.width()) + "][" +
+         std::to_string(k % t.width()) + "]";
 }
 
-// The table GetPoint must read for (kind, selector), none where the pair
-// names no relay: a sub-matrix reads a table of its own where the card has
-// one, else the one it shares with its pair. The GX4Mix card (kind 10) is a
-// GX4 on rows 0..7 and a GX4CNew eight rows up from row 8 on.
-const Table *routeOf(uint32_t kind, int32_t s, uint32_t &row) {
-  if (kind == 10) kind = row < 8 ? 5 : (row -= 8, 8);
-  if (kind == 11 || kind == 12) {
-    const char *name = kind == 11 ? "matrixAPLocation" : "matrixAP_420BLocation";
-    return s == MATRIX ? tableNamed(name) : nullptr;
-  }
-  if (kind > 12) return nullptr;
-  const char *family[] = {"",     "RK421_", "RK422_", "RK423_",   "GX3_",
-                          "GX4_", "GX4_",   "GX4C_",  "GX4CNew_", "GX4CNew_"};
-  if (kind <= 3) {
-    const std::map<int32_t, std::string> names = {
-        {MATRIX, "matrixLocation"}, {ISO_X, "isoLocationX"},   {ISO_Y, "isoLocationY"},
-        {ISO_CV, "isoLocationCV"},  {ISO_LT, "isoLocationLT"}};
-    return names.count(s) ? tableNamed(family[kind] + names.at(s)) : nullptr;
-  }
-  const char *what[] = {"matrixLocation", "isoLocationX_", "isoLocationY_", "IN_",
-                        "cascadeLocation_"};
-  int w, letter;
-  if (s >= MATRIX_A && s <= MATRIX_D) w = 0, letter = s - MATRIX_A;
-  else if (s >= ISO_X_A && s <= ISO_Y_D) w = 1 + (s - ISO_X_A) % 2, letter = (s - ISO_X_A) / 2;
-  else if (s >= IN_A && s <= CASCADE_D) w = 3 + (s - IN_A) / 4, letter = (s - IN_A) % 4;
-  else return nullptr;
-  const std::string name = family[kind] + std::string(what[w]);
-  const Table *own = tableNamed(name + char('A' + letter));
-  return own ? own : tableNamed(name + (letter < 2 ? "AB" : "CD"));
-}
-
-// Marks the one entry that must be read and checks that GetPoint returns it,
-// and that the first row and column past the table leave the result alone.
-TEST_F(GetPointTest, SelectorMatrixReadsTheRightEntryOrLeavesTheResultAlone) {
+// The entry GetPoint reads for each kind and selector at a few places, and the
+// first row and columns (at rows 1 and 9) that leave the result alone, against
+// the reviewed routing (tests/data/location_routes.txt). A sub-matrix reads a
+// table of its own where the card has one, else the one it shares with its
+// pair; the GX4Mix card (kind 10) is a GX4 on rows 0..7 and a GX4CNew eight
+// rows up from row 8 on; a row-only table ignores the column.
+TEST_F(GetPointTest, EveryKindAndSelectorReadsTheReviewedEntry) {
+  const Image filled = snapshot();
+  for (std::size_t i = 0; i < std::size(kTables); ++i)
+    for (std::size_t k = 0; k < kTables[i].size(); ++k)
+      kTables[i].entries[k] = {int32_t(1000 + i), int32_t(1000000 + k), int32_t(1000 + i)};
+  const auto read = [](uint32_t kind, int32_t selector, uint32_t row, uint32_t column) {
+    RelayPosition at{-77, -88};
+    EXPECT_EQ(GetPoint(kind, selector, row, column, &at), 0);
+    return describe(at);
+  };
   std::vector<int32_t> selectors = {INT32_MIN, -1, INT32_MAX};
   for (int32_t s = 0; s <= 26; ++s) selectors.push_back(s);
-  for (uint32_t kind : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u, 13u, 0x80000000u})
-    for (int32_t selector : selectors)
-      for (uint32_t row : {1u, 7u, 8u, 9u, UINT32_MAX}) {
-        SCOPED_TRACE(testing::Message() << "kind " << kind << " selector " << selector);
-        uint32_t tableRow = row;
-        const Table *route = routeOf(kind, selector, tableRow);
-        if (route == nullptr || tableRow >= route->rows) {
-          expectLookups({{kind, selector, row, 2}});
-          continue;
-        }
-        const Table &t = *route;
-        PointLocation &entry = t.at(tableRow, 2);
-        const PointLocation saved = entry;
-        const int32_t k = static_cast<int32_t>(kind);
-        entry = {1000 + k, 2000 + selector, 3000};
-        // The GX4C IN tables keep the frame location one field on. A row-only
-        // table must ignore the column: ask it with one far outside.
-        const bool shifted = std::string(t.name).rfind("GX4C_IN_", 0) == 0;
-        expectLookups({{kind, selector, row, t.columns ? 2u : 5000u,
-                        shifted ? 2000 + selector : 1000 + k, shifted ? 3000 : 2000 + selector}});
-        entry = saved;
-        const auto pastRows = static_cast<uint32_t>(t.rows) + (row - tableRow);
-        if (kind != 10 || row >= 8) expectLookups({{kind, selector, pastRows, 0}});
-        if (t.columns) expectLookups({{kind, selector, row, static_cast<uint32_t>(t.columns)}});
-      }
-  EXPECT_EQ(GetPoint(0, MATRIX, 0, 0, nullptr), 0);
-  EXPECT_EQ(GetPoint(7, IN_A, 0, 0, nullptr), 0);
-}
-
-// Every entry of every table after initialisation against the reviewed
-// list (tests/data/location_tables.txt, one line a row: group/byte, with the
-// third field where it is not 0): one swapped relay anywhere shows. On a
-// difference the whole dump goes to location_tables.actual.txt beside the
-// test program.
-std::string dumpTables() {
   std::ostringstream out;
-  for (const Table &t : kTables)
-    for (std::size_t r = 0; r < t.rows; ++r) {
-      out << t.name << '[' << r << ']';
-      for (std::size_t c = 0; c < t.width(); ++c) {
-        const PointLocation &e = t.at(r, c);
-        out << ' ' << e.group << '/' << e.position;
-        if (e.auxiliary != 0) out << '/' << e.auxiliary;
+  for (uint32_t kind : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 10u, 11u, 12u, 13u, 0x80000000u})
+    for (int32_t selector : selectors) {
+      out << "kind " << kind << " selector " << selector << ":";
+      for (uint32_t row : {1u, 7u, 8u, 9u, UINT32_MAX}) out << ' ' << read(kind, selector, row, 2);
+      uint32_t rows = 0;
+      while (rows < 64 && read(kind, selector, rows, 0) != "-") ++rows;
+      out << " rows " << rows << " columns";
+      for (uint32_t row : {1u, 9u}) {
+        uint32_t columns = 0;
+        while (columns < 5000 && read(kind, selector, row, columns) != "-") ++columns;
+        out << ' ' << columns;
       }
       out << '\n';
     }
-  return out.str();
-}
-
-TEST_F(GetPointTest, EveryTableMatchesTheReviewedWiring) {
-  std::ifstream file(QBVISA_TEST_DATA "/location_tables.txt");
-  const std::string golden{std::istreambuf_iterator<char>(file), {}};
-  const std::string actual = dumpTables();
-  if (actual == golden) return;
-  std::ofstream("location_tables.actual.txt") << actual;
-  std::istringstream a(actual), g(golden);
-  std::string lineA, lineG;
-  while (std::getline(a, lineA) && std::getline(g, lineG) && lineA == lineG) {
-  }
-  ADD_FAILURE() << "first difference:\n  library: " << lineA << "\n  reviewed: " << lineG;
+  for (std::size_t i = 0; i < std::size(kTables); ++i) std::copy(filled[i].begin(), filled[i].end(), kTables[i].entries);
+  qbgolden::expectGolden("location_routes.txt", out.str());
+  EXPECT_EQ(GetPoint(0, MATRIX, 0, 0, nullptr), 0);
+  EXPECT_EQ(GetPoint(7, IN_A, 0, 0, nullptr), 0);
 }
 
 }  // namespace

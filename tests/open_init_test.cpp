@@ -1,12 +1,19 @@
-// Opening slots and initialising chassis on the simulated bench: presence,
-// geometry, firmware gates and the requests on the wire.
+// Opening slots, initialising and clearing chassis, and the RK421's control
+// mode on the simulated bench: presence, geometry, firmware gates and the
+// requests on the wire.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
+#include <optional>
+#include <iomanip>
+#include <sstream>
+#include <string>
 #include <vector>
 
 #include "bench.hpp"
+#include "golden.hpp"
 #include "support/wire_tap.hpp"
 
 namespace {
@@ -15,10 +22,6 @@ using qbsim::Model;
 using qbtest::chassisConfig;
 using qbtest::Connection;
 using Bytes = std::vector<uint8_t>;
-
-const Bytes kIdentityQuery = {0x08, 0, 0, 0};
-const Bytes kPresenceQuery = {0x0A, 0, 0, 0};
-const Bytes kVersionQuery = {0x0B, 0, 0, 0};
 
 qbsim::ChassisConfig fitted(qbsim::ChassisConfig c, uint32_t mask) {
   c.presenceMask = mask;
@@ -45,78 +48,80 @@ qbsim::ChassisConfig slot2(Model model, uint8_t major, uint8_t minor, uint16_t t
   return c;
 }
 
-// What opening a slot leaves: matrix kind, word limit, rows, columns,
-// sub-matrices, boards, words a board, points, first board, positions
-// present. -1: not checked.
+// Frames as hex bytes, one after another; an all-zero payload as its length.
+std::string hex(const std::vector<Bytes> &frames) {
+  std::ostringstream out;
+  for (const Bytes &frame : frames) {
+    const bool zeros = frame.size() > 4 && std::all_of(frame.begin() + 4, frame.end(), [](uint8_t b) { return b == 0; });
+    out << ' ' << std::hex << std::setfill('0');
+    for (size_t i = 0; i < (zeros ? 4 : frame.size()); ++i) out << std::setw(2) << int{frame[i]};
+    if (zeros) out << std::dec << "+" << frame.size() - 4 << "x00";
+  }
+  return out.str();
+}
+
+// What opening a slot leaves against the reviewed transcript
+// (tests/data/open_transcript.txt): status, kind, matrix kind, word limit,
+// rows, columns, sub-matrices, boards, words a board, points, first board,
+// positions present, and the requests on the wire.
 TEST(OpenTest, SlotsPerModelCardAndFirmware) {
   qbsim::ChassisConfig newForm = chassisConfig(Model::RK420, 3, 7);
   newForm.versionInBytes45 = true;  // bytes 2 and 3 of the reply stay 0
-  struct Case {
+  const struct {
     const char *what;
     qbsim::ChassisConfig chassis;
     uint64_t slot;
-    int32_t status;
-    std::vector<int> geometry;
-    std::vector<Bytes> writes = {};  // empty: not checked
   } cases[] = {
-      {"RK420", chassisConfig(Model::RK420), 0, 0, {0, 32, 12, 10, 5, 5, 12, 600, 0, 5},
-       {kVersionQuery, kPresenceQuery}},
-      {"RK420 3.7 new form", newForm, 0, 0, {0, 32, 12, 10, 5, 5, 12, 600, 0, 5}},
-      {"RK420 2.0", chassisConfig(Model::RK420, 2, 0), 0, 0, {0, 32, 12, 10, 5, 5, 12, 600, 0, 5}},
-      {"RK420 1.9", chassisConfig(Model::RK420, 1, 9), 0, 0, {0, 19, 12, 10, 5, 5, 13, 600, 0, 5}},
-      {"RK420 bit 5 is slot 1's", fitted(chassisConfig(Model::RK420), 0x3E), 0, 0,
-       {0, 32, 12, 10, 5, 5, 12, 600, 1, 4}},
-      {"RK420 nothing fitted", fitted(chassisConfig(Model::RK420), 0), 0, QBVISA_ERR_NO_TYPE0_CARD, {}},
-      {"RK420 slot 3", chassisConfig(Model::RK420), 3, QBVISA_ERR_PARAMETER, {}},
-      {"RK421 any slot is 0", chassisConfig(Model::RK421, 1, 0), 2, 0,
-       {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}, {kPresenceQuery}},
-      {"RK421 3.6", chassisConfig(Model::RK421), 0, 0, {1, 15, 10, 12, 4, 4, 13, 480, 0, 4}},
-      {"RK423B 1.0", chassisConfig(Model::RK423B, 1, 0), 0, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1}},
-      {"RK422 1.0", chassisConfig(Model::RK422, 1, 0), 0, 0, {2, 1008, 16, 96, 21, 21, 49, 32256, 0, -1}},
-      {"RK422 mask byte 4", fitted(chassisConfig(Model::RK422), 0x100001), 0, 0,
-       {2, 1008, 16, 96, 21, 21, 49, 32256, 0, 2}},
-      {"RK423 any slot is 0", chassisConfig(Model::RK423), 1, 0, {3, 3, 8, 12, 1, 1, 10, 96, 0, 1},
-       {kPresenceQuery}},
-      {"RK423B has no slot 1", chassisConfig(Model::RK423B), 1, QBVISA_ERR_UNKNOWN_CARD_TYPE, {}},
+      {"RK420", chassisConfig(Model::RK420), 0},
+      {"RK420 3.7 new form", newForm, 0},
+      {"RK420 2.0", chassisConfig(Model::RK420, 2, 0), 0},
+      {"RK420 1.9", chassisConfig(Model::RK420, 1, 9), 0},
+      {"RK420 bit 5 is slot 1's", fitted(chassisConfig(Model::RK420), 0x3E), 0},
+      {"RK420 nothing fitted", fitted(chassisConfig(Model::RK420), 0), 0},
+      {"RK420 slot 3", chassisConfig(Model::RK420), 3},
+      {"RK421 any slot is 0", chassisConfig(Model::RK421, 1, 0), 2},
+      {"RK421 3.6", chassisConfig(Model::RK421), 0},
+      {"RK423B 1.0", chassisConfig(Model::RK423B, 1, 0), 0},
+      {"RK422 1.0", chassisConfig(Model::RK422, 1, 0), 0},
+      {"RK422 mask byte 4", fitted(chassisConfig(Model::RK422), 0x100001), 0},
+      {"RK423 any slot is 0", chassisConfig(Model::RK423), 1},
+      {"RK423B has no slot 1", chassisConfig(Model::RK423B), 1},
       // Slot 1: the card type picks the geometry.
-      {"RK420 card type 0", slot1(Model::RK420, 0), 1, 0, {6, 25, 16, 50, -1, 8, 20, 800, 0, 1},
-       {kVersionQuery, kPresenceQuery, kIdentityQuery, {0x11, 0, 0, 0}}},
-      {"card type 1", slot1(Model::RK420B, 1), 1, 0, {10, 25, 16, 50, -1, 4, 20, 800, 0, 1}},
-      {"card type 11", slot1(Model::RK420B, 11), 1, 0, {8, 25, 8, 50, -1, 2, 12, 400, 0, 1}},
-      {"card type 12", slot1(Model::RK420B, 12), 1, 0, {4, 13, 8, 50, -1, 4, 10, 400, 0, 1}},
-      {"card type 2", slot1(Model::RK420, 2), 1, QBVISA_ERR_RF_DEVICE_TYPE, {}},
-      {"card type 13", slot1(Model::RK420, 13), 1, QBVISA_ERR_RF_DEVICE_TYPE, {}},
-      {"no card", chassisConfig(Model::RK420), 1, QBVISA_ERR_NO_TYPE1_CARD, {}},
-      {"card hardware 0.9", slot1(Model::RK420, 0, 9), 1, QBVISA_ERR_NOT_SUPPORTED, {}},
+      {"RK420 card type 0", slot1(Model::RK420, 0), 1},
+      {"card type 1", slot1(Model::RK420B, 1), 1},
+      {"card type 11", slot1(Model::RK420B, 11), 1},
+      {"card type 12", slot1(Model::RK420B, 12), 1},
+      {"card type 2", slot1(Model::RK420, 2), 1},
+      {"card type 13", slot1(Model::RK420, 13), 1},
+      {"no card", chassisConfig(Model::RK420), 1},
+      {"card hardware 0.9", slot1(Model::RK420, 0, 9), 1},
       // Slot 2 follows the chassis type in the identity reply, read where
       // the controller's firmware puts it (the layout changed at 3.06).
-      {"slot 2 on 2.6", slot2(Model::RK420, 2, 6), 2, QBVISA_ERR_NOT_SUPPORTED, {}},
-      {"slot 2 on 2.7", slot2(Model::RK420, 2, 7), 2, 0, {11, 4, -1, -1, 1, -1, 8, 112, 1, 21},
-       {kVersionQuery, {0x0C, 0x04, 0, 0}, kIdentityQuery}},
-      {"RK420B slot 2 on 3.05", slot2(Model::RK420B, 3, 5), 2, 0, {12, 4, -1, -1, 1, -1, 8, 100, 1, 21}},
-      {"RK420B card on 4.0", slot2(Model::RK420, 4, 0, 1051), 2, 0, {12, 4, -1, -1, 1, -1, 8, 100, 1, 21}},
-      {"unknown card on 3.06", slot2(Model::RK420, 3, 6, 1066), 2, QBVISA_ERR_UNKNOWN_CARD_TYPE, {}},
-      {"unknown card on 3.05", slot2(Model::RK420B, 3, 5, 1099), 2, QBVISA_ERR_UNKNOWN_CARD_TYPE, {}},
-      {"slot 2 empty", slot2(Model::RK420, 3, 6, 0, false), 2, QBVISA_ERR_NO_TYPE2_CARD, {}},
+      {"slot 2 on 2.6", slot2(Model::RK420, 2, 6), 2},
+      {"slot 2 on 2.7", slot2(Model::RK420, 2, 7), 2},
+      {"RK420B slot 2 on 3.05", slot2(Model::RK420B, 3, 5), 2},
+      {"RK420B card on 4.0", slot2(Model::RK420, 4, 0, 1051), 2},
+      {"unknown card on 3.06", slot2(Model::RK420, 3, 6, 1066), 2},
+      {"unknown card on 3.05", slot2(Model::RK420B, 3, 5, 1099), 2},
+      {"slot 2 empty", slot2(Model::RK420, 3, 6, 0, false), 2},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
+  std::ostringstream out;
+  for (const auto &c : cases) {
     const Connection conn = qbtest::connectChassis(c.chassis);
     uint64_t kind = 77;
-    ASSERT_EQ(QBVISA_OpenSpecifiedCard(conn.session, c.slot, &kind), c.status);
-    if (!c.writes.empty()) {
-      EXPECT_EQ(qbsim::writes(conn.resource), c.writes);
+    const int32_t status = QBVISA_OpenSpecifiedCard(conn.session, c.slot, &kind);
+    out << c.what << ": " << status;
+    if (status == 0) {
+      out << " kind " << kind << ':';
+      const SlotArea &s = conn.record->slots[kind];
+      for (int v : {int(s.matrixKind), int{s.arrayWordLimit}, int{s.rowCount}, int{s.columnCount},
+                    int{s.subMatrixCount}, int{s.groupCount}, int{s.wordsPerGroup}, int{s.pointCount},
+                    int{s.subMatrixGroup[0]}, int(std::count(s.cardPresent, s.cardPresent + 21, 1))})
+        out << ' ' << v;
     }
-    if (c.status != 0) continue;
-    const Model m = c.chassis.model;
-    EXPECT_EQ(kind, m == Model::RK421 || m == Model::RK422 || m == Model::RK423 ? 0u : c.slot);
-    const SlotArea &s = conn.record->slots[kind];
-    std::vector<int> got = {int(s.matrixKind), s.arrayWordLimit, s.rowCount, s.columnCount,
-                            s.subMatrixCount, s.groupCount, s.wordsPerGroup, s.pointCount,
-                            s.subMatrixGroup[0], int(std::count(s.cardPresent, s.cardPresent + 21, 1))};
-    for (size_t i = 0; i < got.size(); ++i) got[i] = c.geometry.at(i) < 0 ? -1 : got[i];
-    EXPECT_EQ(got, c.geometry);
+    out << ";" << hex(qbsim::writes(conn.resource)) << '\n';
   }
+  qbgolden::expectGolden("open_transcript.txt", out.str());
 }
 
 TEST(OpenTest, BadSessionsRecordsAndPositions) {
@@ -189,6 +194,122 @@ TEST(InitTest, Failures) {
   const Connection rk420 = qbtest::connectChassis(chassisConfig(Model::RK420));
   EXPECT_EQ(QBVISA_Init(rk420.session, 0), QBVISA_ERR_NO_TYPE0_CARD);
   EXPECT_EQ(QBVISA_Init(rk420.session, 1), QBVISA_ERR_NO_TYPE1_CARD);
+}
+
+// A get (wanted -1) or a set of the control mode of a chassis under remote
+// control, and initialising or clearing a chassis with relays closed (every
+// relay opens, on the chassis and in the library's copy of the array), against
+// the reviewed transcript (tests/data/control_transcript.txt): status, the
+// mode a get leaves (9: left alone) and the requests.
+TEST(ControlModeTest, GetSetInitAndClear) {
+  const struct {
+    const char *what;
+    Model model;
+    int64_t wanted;
+    std::optional<qbsim::Fault> fault = {};
+  } modes[] = {
+      {"get remote", Model::RK421, -1},
+      {"set to local", Model::RK421, 0},
+      {"set, already remote", Model::RK421, 1},
+      // An unanswered query is no reason to skip the request.
+      {"set, query fails", Model::RK421, 1, qbsim::Fault::ReadFails},
+      // Any value goes to the chassis; the word carries its low 16 bits.
+      {"set odd value", Model::RK421, 0x10007},
+      // Only the RK421 has a front panel that can take control.
+      {"RK420 get", Model::RK420, -1},
+      {"RK423B set", Model::RK423B, 1},
+  };
+  std::ostringstream out;
+  for (const auto &c : modes) {
+    const Connection conn = qbtest::connectChassis(qbtest::chassisConfig(c.model));
+    if (c.fault) qbsim::injectFault(conn.resource, *c.fault);
+    uint32_t mode = 9;
+    out << c.what << ": "
+        << (c.wanted < 0 ? QBVISA_GetControlMode(conn.session, &mode)
+                         : QBVISA_SetControlMode(conn.session, static_cast<uint32_t>(c.wanted)))
+        << " mode " << mode << ";" << hex(qbsim::writes(conn.resource)) << '\n';
+  }
+  // Initialising also asks an RK420 for its firmware version and takes an
+  // RK421 out of front-panel control (asking for the mode once more before
+  // it changes it). The RK422's frame is larger than the request buffer and
+  // has a command of its own; single-board chassis take any card as 0.
+  const struct {
+    Model model;
+    uint8_t major;
+    bool init, local;
+    uint64_t card;
+  } clears[] = {{Model::RK420, 3, true, false, 0}, {Model::RK420B, 1, false, false, 0},
+                {Model::RK421, 3, true, true, 4},  {Model::RK421, 3, true, false, 2},
+                {Model::RK422, 3, false, false, 2}, {Model::RK423, 3, false, false, 1}};
+  for (const auto &c : clears) {
+    SCOPED_TRACE(qbsim::modelName(c.model));
+    const Connection conn = qbtest::readyChassis(qbtest::chassisConfig(c.model, c.major));
+    std::vector<uint32_t> words(conn.record->slots[0].arrayWordLimit, 0x01010101u);
+    ASSERT_EQ(QBVISA_OpMatrix(conn.session, 0, words.data(), words.size()), 0);
+    ASSERT_FALSE(qbsim::closedRelays(conn.resource).empty());
+    if (c.local) qbsim::setControlMode(conn.resource, 0);
+    qbsim::clearTraffic(conn.resource);
+    out << qbsim::modelName(c.model) << ' ' << int{c.major} << (c.local ? " local" : "")
+        << (c.init ? " init " : " clear ") << c.card << ": "  // a clear gives the bytes read
+        << (c.init ? QBVISA_Init(conn.session, c.card) : QBVISA_Clear(conn.session, c.card)) << ";"
+        << hex(qbsim::writes(conn.resource)) << '\n';
+    EXPECT_TRUE(qbsim::closedRelays(conn.resource).empty());
+    EXPECT_EQ(qbsim::chassisState(conn.resource).controlMode, 1);
+    const uint8_t *last = conn.record->slots[0].lastArray;
+    EXPECT_TRUE(std::all_of(last, last + QBVISA_LAST_ARRAY_SIZE, [](uint8_t b) { return b == 0; }));
+  }
+  qbgolden::expectGolden("control_transcript.txt", out.str());
+  uint32_t mode = 0;
+  EXPECT_EQ(QBVISA_GetControlMode(qbtest::kUnknownSession, nullptr), QBVISA_ERR_PARAMETER);
+  EXPECT_EQ(QBVISA_GetControlMode(qbtest::kUnknownSession, &mode), QBVISA_ERR_HANDLE);
+  EXPECT_EQ(QBVISA_SetControlMode(qbtest::kUnknownSession, 0), QBVISA_ERR_HANDLE);
+}
+
+TEST(ClearTest, RefusalsAndWrappedLength) {
+  qbsim::ChassisConfig chassis = qbtest::chassisConfig(Model::RK420);
+  chassis.presenceMask = 0x3F;  // a card in slot 1
+  chassis.presenceMaskSet = true;
+  const Connection c = qbtest::readyChassis(chassis);
+  SlotArea *slots = c.record->slots;
+  for (int s = 0; s < 3; ++s) std::memset(slots[s].lastArray, 0x5A, QBVISA_LAST_ARRAY_SIZE);
+
+  EXPECT_EQ(QBVISA_Clear(qbtest::kUnknownSession, 0), QBVISA_ERR_HANDLE);
+  EXPECT_EQ(QBVISA_Clear(c.session, 3), QBVISA_ERR_PARAMETER);
+  // Slot 2 holds nothing: its copy is left as it was.
+  EXPECT_EQ(QBVISA_Clear(c.session, 2), QBVISA_ERR_NO_TYPE2_CARD);
+  EXPECT_EQ(slots[2].lastArray[0], 0x5A);
+  // Slot 1 holds a card: its copy reads all open, but only card 0 is
+  // cleared on the chassis.
+  uint64_t kind = 0;
+  ASSERT_EQ(QBVISA_OpenSpecifiedCard(c.session, 1, &kind), 0);
+  qbsim::clearTraffic(c.resource);
+  EXPECT_EQ(QBVISA_Clear(c.session, 1), QBVISA_ERR_UNKNOWN_CARD_TYPE);
+  EXPECT_EQ(slots[1].lastArray[0], 0);
+  EXPECT_EQ(slots[1].lastArray[QBVISA_LAST_ARRAY_SIZE - 1], 0);
+  EXPECT_TRUE(qbsim::writes(c.resource).empty());
+  // A slot without a known card type is refused before anything changes.
+  slots[0].matrixKind = 0xFFFFFFFFu;
+  EXPECT_EQ(QBVISA_Clear(c.session, 0), QBVISA_ERR_BAD_MODEL);
+  EXPECT_EQ(slots[0].lastArray[0], 0x5A);
+  slots[0].matrixKind = MATRIX_KIND_RK420;
+  // The copy reads all open even when the chassis cannot be reached.
+  qbsim::injectFault(c.resource, qbsim::Fault::ReadFails);
+  EXPECT_EQ(QBVISA_Clear(c.session, 0), QBVISA_ERR_RECEIVE);
+  EXPECT_EQ(slots[0].lastArray[0], 0);
+  // The length field is 16 bits wide: the relay-word count wraps, and so
+  // does the doubled byte count; the payload stays all zero.
+  const struct {
+    uint16_t groups, words;
+    const char *frame;
+  } wraps[] = {{200, 200, " 13008038+14464x00"}, {128, 256, " 13000000"}};
+  for (const auto &w : wraps) {
+    SCOPED_TRACE(testing::Message() << w.groups << "x" << w.words);
+    slots[0].groupCount = w.groups;
+    slots[0].wordsPerGroup = w.words;
+    qbsim::clearTraffic(c.resource);
+    QBVISA_Clear(c.session, 0);  // the chassis may refuse the odd length
+    EXPECT_EQ(hex(qbsim::writes(c.resource)), w.frame);
+  }
 }
 
 }  // namespace

@@ -1,14 +1,28 @@
 // Switching end to end on the simulated bench: a caller's bit array in, the
 // relays the chassis reports closed out, and the exact frames in between.
+// Then a randomized differential test: the frame a registry record's prepared
+// table builds against the one the point-by-point builder gives for a copy of
+// the record outside the registry, over every model, both RK420 firmware
+// generations, random fitted sub-matrices, densities from empty to full,
+// random word counts, bent geometry and location entries, and LT flags.
+// QBVISA_SWITCHING_SEED replays a run.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
-#include <map>
+#include <iostream>
 #include <optional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <tuple>
 #include <vector>
 
+#include "core/chassis_model.h"
 #include "switching/relay_frame.h"
+#include "golden.hpp"
 #include "bench.hpp"
 
 namespace {
@@ -44,16 +58,6 @@ bool lastArrayHolds(const Connection &c, const std::vector<uint32_t> &words) {
   return std::memcmp(c.record->slots[0].lastArray, words.data(), words.size() * 4) == 0;
 }
 
-// The 16-bit words of the one frame written since the traffic was cleared.
-std::vector<uint16_t> sentWords(const Connection &c) {
-  const auto writes = qbsim::writes(c.resource);
-  EXPECT_EQ(writes.size(), 1u);
-  std::vector<uint16_t> words;
-  for (size_t i = 0; writes.size() == 1 && i + 1 < writes[0].size(); i += 2)
-    words.push_back(static_cast<uint16_t>(writes[0][i] | writes[0][i + 1] << 8));
-  return words;
-}
-
 class SwitchingTest : public ::testing::Test {
  protected:
   // Some cases bend a location entry to reach relays no point uses; each
@@ -61,44 +65,57 @@ class SwitchingTest : public ::testing::Test {
   void TearDown() override { InitPointInfo(); }
 };
 
-// Worked out by hand from the wiring of each model: a point closes its
-// crosspoint and the isolation relays its kind needs, on the board of its
-// sub-matrix. Bit group g of board b travels as frame word 2 + b*W + (W-1-g).
-TEST_F(SwitchingTest, PointsCloseTheirRelaysWithByteExactFrames) {
+// One call as a transcript line: the status, each frame's byte count and
+// non-zero 16-bit words (index:hex), and the relays the chassis holds closed.
+std::string transcript(const Connection &c, const std::string &what, const std::vector<uint32_t> &words) {
+  qbsim::clearTraffic(c.resource);
+  std::ostringstream out;
+  out << what << ": " << opMatrix(c, words) << std::hex;
+  for (const auto &frame : qbsim::writes(c.resource)) {
+    out << " frame " << std::dec << frame.size() << std::hex;
+    const std::vector<uint16_t> w = qbtest::Words(frame);
+    for (size_t i = 0; i < w.size(); ++i)
+      if (w[i] != 0) out << ' ' << i << ':' << w[i];
+  }
+  out << " closed" << std::dec;
+  for (const Relay &r : qbsim::closedRelays(c.resource)) out << ' ' << r.board << '/' << r.group << '/' << r.bit;
+  return out.str() + "\n";
+}
+
+// Frames and closed relays against the reviewed transcript
+// (tests/data/switching_transcript.txt). A point closes its crosspoint and the
+// isolation relays its kind needs, on the board of its sub-matrix; bit group g
+// of board b travels as frame word 2 + b*W + (W-1-g).
+TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
+  std::string out;
   struct Case {
     const char *what;
     Model model;
     std::vector<Point> points;
-    std::vector<Relay> relays;          // sorted
-    std::map<size_t, uint16_t> frame;   // instead: word index -> value, from word 1
-    uint32_t mask = 0;                  // fitted sub-matrices; 0: all
-    uint16_t rows = 0;                  // 0: as opened
-    uint8_t lt = 0;                     // bit j: LT relay j closed
+    uint32_t mask = 0;   // fitted sub-matrices; 0: all
+    uint16_t rows = 0;   // 0: as opened
+    uint8_t lt = 0;      // bit j: LT relay j closed
   } cases[] = {
-      {"RK420 board 4", Model::RK420, {{0, 4, 0}}, {}, {{1, 120}, {61, 0x0041}, {59, 0x0080}}},
-      {"RK420B", Model::RK420B, {{6, 4, 1}}, {{4, 6, 7}, {4, 6, 8}, {4, 8, 7}}, {}},
-      {"RK421 column 0 is wired as 5, row 4 adds CV", Model::RK421, {{4, 1, 0}},
-       {{1, 5, 5}, {1, 6, 5}, {1, 6, 6}, {1, 6, 15}}, {}},
-      {"RK421 column 6 as is", Model::RK421, {{0, 0, 6}}, {}, {{1, 104}, {14, 0x0180}, {10, 0x0040}}},
-      {"RK422 bits from 1", Model::RK422, {{0, 0, 0}}, {}, {{1, 2058}, {50, 0x0080}, {2, 0x0010}}},
-      {"RK422 row 3", Model::RK422, {{3, 20, 24}}, {{20, 12, 6}, {20, 48, 7}}, {}},
+      {"RK420 board 4", Model::RK420, {{0, 4, 0}}},
+      {"RK420B", Model::RK420B, {{6, 4, 1}}},
+      {"RK421 column 0 is wired as 5, row 4 adds CV", Model::RK421, {{4, 1, 0}}},
+      {"RK421 column 6 as is", Model::RK421, {{0, 0, 6}}},
+      {"RK422 bits from 1", Model::RK422, {{0, 0, 0}}},
+      {"RK422 row 3", Model::RK422, {{3, 20, 24}}},
       // Rows 4 and up of the RK422 land beyond the 49 words a board sends.
-      {"RK422 row 5", Model::RK422, {{5, 0, 0}}, {}, {}},
-      {"RK423 row 7", Model::RK423, {{7, 0, 11}}, {}, {{1, 20}, {9, 0x0800}, {4, 0x0800}, {2, 0x2080}}},
-      {"RK423 LT relays alone", Model::RK423, {}, {}, {{1, 20}, {11, 0x4000}, {9, 0x2000}}, 0, 0, 3},
-      {"RK423B has no LT relays", Model::RK423B, {}, {}, {{1, 20}}, 0, 0, 3},
-      {"RK423B row 6", Model::RK423B, {{6, 0, 3}}, {{0, 2, 3}, {0, 7, 3}, {0, 8, 3}, {0, 8, 6}}, {}},
+      {"RK422 row 5", Model::RK422, {{5, 0, 0}}},
+      {"RK423 row 7", Model::RK423, {{7, 0, 11}}},
+      {"RK423 LT relays alone", Model::RK423, {}, 0, 0, 3},
+      {"RK423B has no LT relays", Model::RK423B, {}, 0, 0, 3},
+      {"RK423B row 6", Model::RK423B, {{6, 0, 3}}},
       // With sub-matrices 0, 2 and 4 fitted, sub-matrix 1 drives board 2
       // and sub-matrices 3 and 4 nothing.
-      {"RK420 partly fitted", Model::RK420, {{0, 1, 0}, {0, 3, 0}, {0, 4, 0}},
-       {{2, 0, 0}, {2, 0, 6}, {2, 2, 7}}, {}, 0x15},
+      {"RK420 partly fitted", Model::RK420, {{0, 1, 0}, {0, 3, 0}, {0, 4, 0}}, 0x15},
       // Placing stops at the first point outside the matrix: the points
       // before it are still sent, but the LT relays are not placed.
-      {"RK423 point outside", Model::RK423, {{1, 0, 0}, {5, 0, 0}, {6, 0, 2}},
-       {{0, 1, 0}, {0, 1, 6}}, {}, 0, 4, 3},
+      {"RK423 point outside", Model::RK423, {{1, 0, 0}, {5, 0, 0}, {6, 0, 2}}, 0, 4, 3},
   };
   for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
     qbsim::ChassisConfig config = qbtest::chassisConfig(c.model);
     config.presenceMask = c.mask;
     config.presenceMaskSet = c.mask != 0;
@@ -107,44 +124,36 @@ TEST_F(SwitchingTest, PointsCloseTheirRelaysWithByteExactFrames) {
     slot.rowCount = c.rows != 0 ? c.rows : slot.rowCount;
     slot.ltIsolationState[0] = c.lt & 1;
     slot.ltIsolationState[1] = c.lt >> 1 & 1;
-    ASSERT_EQ(opMatrix(chassis, wordsOf(chassis, c.points)), 0);
-    if (c.frame.empty()) {
-      EXPECT_EQ(qbsim::closedRelays(chassis.resource), c.relays);
-      continue;
+    out += transcript(chassis, c.what, wordsOf(chassis, c.points));
+  }
+  // A 13-word RK420 board (firmware 1.x) never sends bits 12..15 of its bit
+  // group 12, which travels as the board's first word; the RK421's 13-word
+  // boards send them all. No table reaches that group, so an entry is bent.
+  const std::tuple<Model, int, uint32_t> bent[] = {
+      {Model::RK420, 11, 0}, {Model::RK420, 12, 0}, {Model::RK420B, 14, 3}, {Model::RK421, 13, 0}};
+  for (const auto &[model, bit, sub] : bent) {
+    const Connection chassis = qbtest::readyChassis(qbtest::chassisConfig(model, 1, 2));
+    (model == Model::RK421 ? RK421_matrixLocation[0][5] : matrixLocation[0][0]) = PointLocation{12, bit, 0};
+    out += transcript(chassis, std::string(qbsim::modelName(model)) + " 1.2 group 12 bit " + std::to_string(bit),
+                      wordsOf(chassis, {{0, sub, 0}}));
+    InitPointInfo();
+  }
+  // Whole patterns on every model and firmware generation, all or some
+  // sub-matrices fitted, with and without the LT relays asked for.
+  const std::pair<Model, int> generations[] = {{Model::RK420, 3}, {Model::RK420, 1}, {Model::RK420B, 3},
+      {Model::RK421, 3}, {Model::RK422, 3}, {Model::RK423, 3}, {Model::RK423B, 3}};
+  for (const auto &[model, major] : generations)
+    for (uint32_t mask : {0u, 0x15u}) {
+      qbsim::ChassisConfig config = qbtest::chassisConfig(model, uint8_t(major));
+      config.presenceMask = mask;
+      config.presenceMaskSet = mask != 0;
+      const Connection chassis = qbtest::readyChassis(config);
+      const std::string name = std::string(qbsim::modelName(model)) + " " + std::to_string(major) + " mask " + std::to_string(mask);
+      out += transcript(chassis, name + " every 7th", everyNth(chassis, 7, 0));
+      chassis.record->slots[0].ltIsolationState[0] = chassis.record->slots[0].ltIsolationState[1] = 1;
+      out += transcript(chassis, name + " every 11th from 3, LT", everyNth(chassis, 11, 3));
     }
-    std::vector<uint16_t> expected(2 + c.frame.at(1) / 2, 0);
-    expected[0] = 19;
-    for (const auto &[index, value] : c.frame) expected[index] = value;
-    EXPECT_EQ(sentWords(chassis), expected);
-  }
-}
-
-// A 13-word RK420 board (firmware 1.x) never sends bits 12..15 of its bit
-// group 12, which travels as the board's first word. No table reaches that
-// group, so a location entry is bent to point there.
-TEST_F(SwitchingTest, ThirteenWordBoardsDropTheTopBitsOfGroup12) {
-  const struct {
-    Model model;
-    int bit;
-    uint32_t sub;
-    size_t wordIndex;
-    bool sent;
-  } cases[] = {
-      {Model::RK420, 11, 0, 2, true},  {Model::RK420, 12, 0, 2, false},
-
-      {Model::RK420B, 14, 3, 41, false},
-      {Model::RK421, 13, 0, 2, true},  // also 13 words a board, all sent
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(testing::Message() << qbsim::modelName(c.model) << " bit " << c.bit);
-    const Connection chassis = qbtest::readyChassis(qbtest::chassisConfig(c.model, 1, 2));
-    ASSERT_EQ(chassis.record->slots[0].wordsPerGroup, 13);
-    PointLocation &entry =
-        c.model == Model::RK421 ? RK421_matrixLocation[0][5] : matrixLocation[0][0];
-    entry = PointLocation{12, c.bit, 0};
-    ASSERT_EQ(opMatrix(chassis, wordsOf(chassis, {{0, c.sub, 0}})), 0);
-    EXPECT_EQ(sentWords(chassis).at(c.wordIndex), c.sent ? 1u << c.bit : 0u);
-  }
+  qbgolden::expectGolden("switching_transcript.txt", out);
 }
 
 // Points are added one at a time, each kept only if the chassis takes it: the
@@ -307,6 +316,10 @@ TEST_F(SwitchingTest, GeometryOutsideTheImageIsRefused) {
   EXPECT_EQ(SendRelayStateType0(c.record, points.data(), frame.data(), 1), QBVISA_ERR_PARAMETER);
   EXPECT_TRUE(qbsim::writes(c.resource).empty());
   slot.wordsPerGroup = 49;
+  // The caller's frame past the payload is not written.
+  std::fill(frame.begin(), frame.end(), uint16_t{0xA5A5});
+  ASSERT_EQ(SendRelayStateType0(c.record, points.data(), frame.data(), 1), 0);
+  EXPECT_EQ(frame.at(2 + 21 * 49), 0xA5A5);
   // A sub-matrix on board 30 closes what a sub-matrix on no board does.
   slot.subMatrixGroup[0] = -1;
   ASSERT_EQ(opMatrix(c, words), 0);
@@ -337,6 +350,123 @@ TEST(SwitchingHelpersTest, BadArgumentsAreRefusedOrBounded) {
   EXPECT_EQ(UserArrayToMatrixPoints(words.data(), 2000, 2000, points.data()), 0);
   EXPECT_EQ(points[qbvisa::kPointListBytes - 32], 1);
   EXPECT_EQ(points[qbvisa::kPointListBytes], 0);
+}
+
+struct Sent {
+  int32_t status;
+  std::vector<std::vector<uint8_t>> writes;
+  bool operator==(const Sent &) const = default;
+};
+
+// The same words through the registry record and through a copy of it.
+std::pair<Sent, Sent> bothPaths(const qbtest::Connection &c, std::vector<uint32_t> &array) {
+  static ChassisRecord copy;
+  copy = *c.record;
+  std::pair<Sent, Sent> out;
+  qbsim::clearTraffic(c.resource);
+  out.first.status = QBVISA_OpMatrix(c.session, 0, array.data(), uint32_t(array.size()));
+  out.first.writes = qbsim::writes(c.resource);
+  qbsim::clearTraffic(c.resource);
+  out.second.status = OpMatrix(&copy, 0, array.data(), uint32_t(array.size()), 1);
+  out.second.writes = qbsim::writes(c.resource);
+  return out;
+}
+
+uint64_t seedOfRun() {
+  const char *given = std::getenv("QBVISA_SWITCHING_SEED");
+  const uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
+  std::cout << "QBVISA_SWITCHING_SEED=" << seed << "\n";
+  return seed;
+}
+
+// A location entry of the slot's kind, to bend and restore.
+PointLocation *locationEntry(uint32_t kind, std::mt19937_64 &rng) {
+  const uint64_t row = rng(), column = rng();
+  switch (kind) {
+    case MATRIX_KIND_RK420: return row % 2 ? &isoLocationX[row / 2 % 12][column % 10] : &matrixLocation[row / 2 % 12][column % 10];
+    case MATRIX_KIND_RK421: return &RK421_isoLocationCV[4 + row % 2][column % 12];
+    case MATRIX_KIND_RK422: return &RK422_matrixLocation[row % 16][column % 96];
+    default: return &RK423_isoLocationLT[row % 2][0];
+  }
+}
+
+TEST(SwitchingDifferentialTest, PreparedFramesMatchThePointByPointBuilder) {
+  std::mt19937_64 rng(seedOfRun());
+  const std::pair<Model, uint8_t> configs[] = {
+      {Model::RK420, 3}, {Model::RK420, 1}, {Model::RK420B, 3}, {Model::RK420B, 1},
+      {Model::RK421, 3}, {Model::RK422, 3}, {Model::RK423, 3}, {Model::RK423B, 3}};
+  int cases = 0, sent = 0;
+  for (const auto &[model, major] : configs)
+    for (int fitting = 0; fitting < 2; ++fitting) {
+      qbsim::ChassisConfig config = qbtest::chassisConfig(model, major, 6);
+      const int subs = qbvisa::modelByType(uint16_t(model))->subMatrixCount;
+      config.presenceMaskSet = true;
+      config.presenceMask = (1u << subs) - 1u;
+      if (fitting == 1) config.presenceMask &= uint32_t(rng()) | 1u << (rng() % subs);
+      const qbtest::Connection c = qbtest::readyChassis(config);
+      ChassisRecord &record = *c.record;
+      const ChassisRecord saved = record;
+      for (int n = 0; n < 250; ++n, ++cases) {
+        SCOPED_TRACE(testing::Message() << qbsim::modelName(model) << " firmware " << int{major}
+                                        << " mask " << config.presenceMask << " case " << n);
+        record.modelTypeCode = saved.modelTypeCode;
+        std::memcpy(&record.slots[0], &saved.slots[0], offsetof(SlotArea, lastArray));
+        std::memcpy(&record.slots[0].arrayWordLimit, &saved.slots[0].arrayWordLimit,
+                    sizeof(SlotArea) - offsetof(SlotArea, arrayWordLimit));
+        SlotArea &s = record.slots[0];
+        auto chance = [&](int percent) { return int(rng() % 100) < percent; };
+        auto nudge = [&](uint16_t &field, int span) { field = uint16_t(std::max(0, field + int(rng() % (2 * span + 1)) - span)); };
+        if (chance(10)) nudge(s.rowCount, 3);
+        if (chance(10)) nudge(s.columnCount, 3);
+        if (chance(8)) nudge(s.subMatrixCount, 2);
+        if (chance(8)) nudge(s.groupCount, 2);
+        if (chance(8)) nudge(s.wordsPerGroup, 2);
+        if (chance(8)) nudge(s.pointCount, 40);
+        if (chance(8)) nudge(s.arrayWordLimit, 3);
+        if (chance(10)) s.subMatrixGroup[rng() % 21] = int8_t(int(rng() % 28) - 2);
+        if (chance(5)) s.matrixKind = uint32_t(rng() % 5);  // another model's wiring, or a card's
+        if (chance(5)) record.modelTypeCode = uint16_t(qbvisa::chassisModels()[rng() % 6].typeCode);
+        s.ltIsolationState[0] = uint8_t(rng() % 3);
+        s.ltIsolationState[1] = uint8_t(rng() % 3);
+        if (chance(10)) s.ltIsolationCount = uint16_t(rng() % 4);
+        // Bent entries reach relays no point uses (often a short board's dead bits).
+        std::vector<std::pair<PointLocation *, PointLocation>> bent;
+        for (int k = chance(15) ? 8 : 0; k > 0; --k) {
+          PointLocation *entry = locationEntry(s.matrixKind, rng);
+          bent.push_back({entry, *entry});
+          *entry = {chance(50) ? 12 : int32_t(rng() % 60) - 4, int32_t(rng() % 18) - 1, 0};
+        }
+        const uint32_t densities[] = {0, 1, 8, 32, 64};  // closed in 64
+        const uint32_t density = densities[rng() % 5];
+        std::vector<uint32_t> array(rng() % (s.arrayWordLimit + 4u));
+        for (uint32_t &word : array)
+          for (int k = 0; k < 32; ++k) word |= uint32_t(rng() % 64 < density) << k;
+        const auto [prepared, pointByPoint] = bothPaths(c, array);
+        for (auto it = bent.rbegin(); it != bent.rend(); ++it) *it->first = it->second;
+        EXPECT_EQ(prepared, pointByPoint);
+        // Refused before sending (too large, over the closure limit): nothing goes out.
+        const bool refused = prepared.status == QBVISA_ERR_PARAMETER || prepared.status == QBVISA_ERR_CLOSURE_LIMIT;
+        EXPECT_EQ(prepared.writes.size(), refused ? 0u : 1u) << prepared.status;
+        sent += !refused;
+        if (prepared.status == 0 && !array.empty()) {
+          EXPECT_EQ(std::memcmp(s.lastArray, array.data(), std::min<size_t>(array.size() * 4, 6000)), 0);
+        }
+      }
+      record = saved;
+    }
+  std::cout << cases << " cases, " << sent << " frames sent\n";
+}
+
+// Boards of 200 words on every RK422 sub-matrix: frame bit numbers pass 16
+// bits, which the prepared table cannot hold, yet the frame must be the same.
+TEST(SwitchingDifferentialTest, FramesPastSixteenBitBitNumbers) {
+  const qbtest::Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK422));
+  c.record->slots[0].wordsPerGroup = qbvisa::kBitGroupsPerBoard;
+  std::vector<uint32_t> array(c.record->slots[0].arrayWordLimit, 0x01000201u);
+  const auto [prepared, pointByPoint] = bothPaths(c, array);
+  EXPECT_EQ(prepared, pointByPoint);
+  EXPECT_EQ(pointByPoint.writes.at(0).size(), 4 + 21 * 200 * 2u);
+  c.record->slots[0].wordsPerGroup = 49;
 }
 
 }  // namespace
