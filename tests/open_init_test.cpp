@@ -136,8 +136,8 @@ TEST(OpenTest, BadSessionsRecordsAndPositions) {
   EXPECT_EQ(BoardInPlaceHDW(c.record, 3), QBVISA_ERR_PARAMETER);
   qbsim::injectFault(c.resource, qbsim::Fault::ReadFails);
   EXPECT_EQ(QBVISA_OpenSpecifiedCard(c.session, 0, &kind), QBVISA_ERR_RECEIVE);
-  // Identity entries of card positions 1..18 lie in the 200-byte reply.
-  EXPECT_GE(GetSlotHW(c.record, 18), 0);
+  // Identity entries n = -1..18 lie in the 200-byte reply (bytes 4..194).
+  for (int32_t n : {-1, 18}) EXPECT_GE(GetSlotHW(c.record, n), 0) << n;
   for (int32_t n : {19, -2, INT32_MIN}) EXPECT_EQ(GetSlotHW(c.record, n), QBVISA_ERR_PARAMETER);
   EXPECT_EQ(GetSlotHW(nullptr, 6), QBVISA_ERR_PARAMETER);
 }
