@@ -10,14 +10,13 @@
 
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "bench.hpp"
 #include "core/visa_api.h"
 #include "golden_lines.hpp"
-#include "qbsim.hpp"
-#include "qbvisa.h"
-#include "qbvisa_lowlevel.h"
 
 namespace {
 // The chassis's waits (6 s after a LAN mode change, 1 s after a serial
@@ -72,23 +71,17 @@ struct Ctx {
   }
 };
 
-std::string updateFile() {
-  static const std::string path = [] {
-    std::string p = ::testing::TempDir() + "fault_table_update.bin";
-    FILE *f = std::fopen(p.c_str(), "wb");
-    std::fputs("firmware image", f);
-    std::fclose(f);
-    return p;
-  }();
+const std::string kUpdateFile = [] {
+  const std::string path = ::testing::TempDir() + "fault_table_update.bin";
+  std::ofstream(path) << "firmware image";
   return path;
-}
+}();
 
 enum : unsigned {
   kClears = 1,    // the call clears the last arrays before it sends
   kSerial = 2,    // the chassis is on a serial line at 19200
-  kSwitches = 4,  // a failed relay-frame write keeps the exchange lock taken
-                  // by design: WriteFails and Vanish are left to the
-                  // exchange tests
+  kSwitches = 4,  // a failed relay-frame write keeps the exchange lock taken by
+                  // design: WriteFails and Vanish are left to the exchange tests
 };
 struct Row {
   const char *call;
@@ -144,7 +137,7 @@ const Row kRows[] = {
     {"BoardInPlace", Model::RK421, 0, CALL(QBVISA_BoardInPlace(c.s, 2))},
     {"BoardInPlaceInfo", Model::RK421, 0, CALL(QBVISA_BoardInPlaceInfo(c.s, reinterpret_cast<int32_t *>(c.u), c.u + 4))},
     {"SPILoopTestInfo", Model::RK421, 0, CALL(QBVISA_SPILoopTestInfo(c.s, 0, reinterpret_cast<int32_t *>(c.u), c.u + 4))},
-    {"OnlineUpdate", Model::RK421, 0, CALL(QBVISA_OnlineUpdate(c.s, updateFile().c_str()))},
+    {"OnlineUpdate", Model::RK421, 0, CALL(QBVISA_OnlineUpdate(c.s, kUpdateFile.c_str()))},
 };
 
 qbsim::Resource resourceFor(const Row &row) {
@@ -153,28 +146,21 @@ qbsim::Resource resourceFor(const Row &row) {
   r.chassis.model = row.model;
   r.chassis.slot2Present = true;
   if (row.flags & kSerial) r.chassis.baudRate = 19200;
-  if (row.model == Model::RK420) {
-    r.chassis.presenceMask = 0x3F;  // five sub-matrices and a card in slot 1
-    r.chassis.presenceMaskSet = true;
-  }
+  r.chassis.presenceMask = row.model == Model::RK420 ? 0x3F : 0;  // five sub-matrices and a card in slot 1
+  r.chassis.presenceMaskSet = row.model == Model::RK420;
   return r;
 }
 
 // A chassis discovered, connected, opened, initialised and switched to a few
 // closed relays, so that a call that clears or switches by mistake shows.
 uint32_t prepare(const Row &row) {
-  const qbsim::Resource r = resourceFor(row);
-  qbsim::setBench(qbsim::Bench{{r}});
-  QBVISA_ResourceEntry list[5] = {};
-  uint32_t found = 0, s = 0;
-  EXPECT_EQ(QBVISA_FindRsrc(list, &found), 0);
-  EXPECT_EQ(QBVISA_Connect(r.name.c_str(), &s), 0);
+  const uint32_t s = qbtest::ConnectOne(resourceFor(row));
   for (uint64_t slot = 0; slot < (row.model == Model::RK420 ? 3u : 1u); ++slot)
     EXPECT_EQ(QBVISA_OpenSpecifiedCard(s, slot, nullptr), 0);
   EXPECT_EQ(QBVISA_Init(s, 0), 0);
   uint32_t words[40] = {0x11, 0x2};
   EXPECT_EQ(QBVISA_OpMatrix(s, 0, words, 40), 0);
-  qbsim::clearTraffic(r.name);
+  qbsim::clearTraffic(resourceFor(row).name);
   slept = 0;
   return s;
 }

@@ -68,25 +68,24 @@ void nameResource(ViChar desc[]) {
   const char *name = canned ? kResources[0] : kResources[script.byte() % std::size(kResources)];
   std::snprintf(desc, VI_FIND_BUFLEN, "%s", name);
 }
+ViStatus fresh(ViSession *vi) {
+  *vi = nextSession++;
+  return VI_SUCCESS;
+}
 
 }  // namespace
 
 extern "C" {
 
-ViStatus viOpenDefaultRM(ViSession *vi) {
-  if (!canned && script.marked(0xFB)) return VI_ERROR_SYSTEM_ERROR;
-  *vi = nextSession++;
-  return VI_SUCCESS;
-}
+ViStatus viOpenDefaultRM(ViSession *vi) { return !canned && script.marked(0xFB) ? VI_ERROR_SYSTEM_ERROR : fresh(vi); }
 
 ViStatus viFindRsrc(ViSession, const char *, ViFindList *vi, ViUInt32 *retCnt, ViChar desc[]) {
   const unsigned count = canned ? 1 : script.byte() % 8;
   if (count == 0) return VI_ERROR_RSRC_NFOUND;
-  *vi = nextSession++;
   *retCnt = count;
   foundLeft = count - 1;
   nameResource(desc);
-  return VI_SUCCESS;
+  return fresh(vi);
 }
 
 ViStatus viFindNext(ViFindList, ViChar desc[]) {
@@ -97,9 +96,7 @@ ViStatus viFindNext(ViFindList, ViChar desc[]) {
 }
 
 ViStatus viOpen(ViSession, const char *, ViAccessMode, ViUInt32, ViSession *vi) {
-  if (!canned && script.marked(0xFC)) return VI_ERROR_RSRC_NFOUND;
-  *vi = nextSession++;
-  return VI_SUCCESS;
+  return !canned && script.marked(0xFC) ? VI_ERROR_RSRC_NFOUND : fresh(vi);
 }
 
 ViStatus viClose(ViObject) { return VI_SUCCESS; }
@@ -198,8 +195,7 @@ void runCall(uint8_t call) {
       uint32_t list[31];
       list[30] = 0xA5A5A5A5u;
       QBVISA_GetSN(session, list, slot * 10);
-      require(list[30] == 0xA5A5A5A5u, "serial list overrun");
-      break;
+      return require(list[30] == 0xA5A5A5A5u, "serial list overrun");
     }
     case 8: QBVISA_SetSN(session, "12345678", "3"); break;
     case 9: QBVISA_SetCardSN(session, "87654321", "2", static_cast<int32_t>(slot) + 1); break;
@@ -225,22 +221,19 @@ void runCall(uint8_t call) {
       uint32_t count = 0;
       call % 30 == 24 ? QBVISA_BoardInPlaceInfo(session, values, &count)
                       : QBVISA_SPILoopTestInfo(session, slot, values, &count);
-      require(values[4] == 0x5A5A5A5A, "flag list overrun");
-      break;
+      return require(values[4] == 0x5A5A5A5A, "flag list overrun");
     }
     case 26: QBVISA_OnlineUpdate(session, updatePath); break;
     case 27:
-      guarded<400>([](char *reply) {
+      return guarded<400>([](char *reply) {
         QBVISA_SCPIQuery(session, kQueries[script.byte() % std::size(kQueries)], reply);
         require(std::memchr(reply, '\0', 400) != nullptr, "reply not terminated");
       });
-      break;
     case 28: {
       QBVISA_ResourceEntry list[8];
       uint32_t count = 0;
       QBVISA_FindRsrc(list, &count);
-      require(count <= QBVISA_USABLE_RECORDS, "more chassis registered than can be reached");
-      break;
+      return require(count <= QBVISA_USABLE_RECORDS, "more chassis registered than can be reached");
     }
     default: {  // the record as the calls above left it, read back
       QBVISA_SlotInfo info;
