@@ -168,29 +168,26 @@ uint32_t prepare(const Row &row) {
 // The record's firmware version, geometry words and (unless the call may
 // clear them) last arrays as their non-zero bytes; the chassis's settings
 // and closed relays.
-struct State {
-  std::string record, chassis;
-  bool operator==(const State &) const = default;
-};
+using State = std::pair<std::string, std::string>;  // record, chassis
 State state(const Row &row, uint32_t s) {
   State st;
   ChassisRecord *rec = nullptr;
   if (FindChassis(int32_t(s), &rec) >= 0) {
-    st.record = "firmware " + std::to_string(rec->firmwareMajor) + "." + std::to_string(rec->firmwareMinor);
+    st.first = "firmware " + std::to_string(rec->firmwareMajor) + "." + std::to_string(rec->firmwareMinor);
     for (const SlotArea &slot : rec->slots) {
-      st.record += "; kind " + std::to_string(slot.matrixKind) + ":";
+      st.first += "; kind " + std::to_string(slot.matrixKind) + ":";
       const auto *words = &slot.arrayWordLimit;
       for (size_t i = 0; i < (sizeof(SlotArea) - offsetof(SlotArea, arrayWordLimit)) / 2; ++i)
-        st.record += " " + std::to_string(words[i]);
+        st.first += " " + std::to_string(words[i]);
       for (size_t i = 0; i < sizeof slot.lastArray && !(row.flags & kClears); ++i)
-        if (slot.lastArray[i] != 0) st.record += " [" + std::to_string(i) + "]=" + std::to_string(slot.lastArray[i]);
+        if (slot.lastArray[i] != 0) st.first += " [" + std::to_string(i) + "]=" + std::to_string(slot.lastArray[i]);
     }
   }
   const std::string name = resourceFor(row).name;
   qbsim::Resource now{name, qbsim::ResourceKind::Chassis, qbsim::chassisState(name), ""};
-  st.chassis = qbsim::benchToJson(qbsim::Bench{{now}});
+  st.second = qbsim::benchToJson(qbsim::Bench{{now}});
   for (const auto &relay : qbsim::closedRelays(name))
-    st.chassis += " " + std::to_string(relay.board) + "/" + std::to_string(relay.group) + "/" + std::to_string(relay.bit);
+    st.second += " " + std::to_string(relay.board) + "/" + std::to_string(relay.group) + "/" + std::to_string(relay.bit);
   return st;
 }
 
@@ -200,8 +197,8 @@ struct Result {
   State before, after;
   // Everything but the states themselves, as one line of the table.
   std::string line() const {
-    return std::to_string(code) + ", out \"" + out + "\", record " + (after.record == before.record ? "kept" : "changed") +
-           ", chassis " + (after.chassis == before.chassis ? "kept" : "changed");
+    return std::to_string(code) + ", out \"" + out + "\", record " + (after.first == before.first ? "kept" : "changed") +
+           ", chassis " + (after.second == before.second ? "kept" : "changed");
   }
 };
 
