@@ -48,7 +48,6 @@ void reset() {
 // What discovery or a connection left behind, as lines of the transcript.
 struct Transcript {
   std::vector<std::string> lines;
-  std::vector<qbsim::Resource> bench;
 
   void add(const std::string &line) { lines.push_back(line); }
   // A list up to its first entry left alone (filled with 0x5A before).
@@ -65,7 +64,7 @@ struct Transcript {
   // How often each instrument was asked "*IDN?", and every record that holds
   // a name or a session.
   void registry() {
-    for (const qbsim::Resource &r : bench) {
+    for (const qbsim::Resource &r : qbsim::currentBench().resources) {
       int asked = 0;
       for (const auto &bytes : qbsim::writes(r.name)) asked += std::string(bytes.begin(), bytes.end()) == "*IDN?\n";
       add("asked " + r.name + (qbsim::traffic(r.name).empty() ? ": no traffic" : ": " + to_string(asked)));
@@ -88,9 +87,11 @@ struct Transcript {
           (c.session == 0 ? " idle" : answers(i) ? " answers" : " no answer"));
     }
   }
-  int32_t discover(const std::vector<qbsim::Resource> &resources, const std::string &title) {
-    reset();
-    qbsim::setBench(qbsim::Bench{bench = resources});
+  // Discovery on a new bench, from a library that never ran one unless
+  // `again`.
+  int32_t discover(const std::vector<qbsim::Resource> &bench, const std::string &title, bool again = false) {
+    if (!again) reset();
+    qbsim::setBench(qbsim::Bench{bench});
     QBVISA_ResourceEntry found[8];
     std::memset(found, 0x5A, sizeof found);
     uint32_t count = 12345;
@@ -165,13 +166,7 @@ TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
   const uint32_t firstManager = defaultRM;
   ChassisRecord before[4];
   std::memcpy(before, &globalChassisInfo[1], sizeof before);
-  qbsim::setBench(qbsim::Bench{t.bench = {Chassis("USB0::0x1AB1::0x0002::SN9::INSTR", Model::RK422)}});
-  QBVISA_ResourceEntry found[2];
-  std::memset(found, 0x5A, sizeof found);
-  uint32_t count = 0;
-  const int32_t again = QBVISA_FindRsrc(found, &count);
-  t.add("== again: " + to_string(again) + ", count " + to_string(count));
-  t.list("list ", found, 2);
+  t.discover({Chassis("USB0::0x1AB1::0x0002::SN9::INSTR", Model::RK422)}, "again", true);
   EXPECT_NE(defaultRM, firstManager);
   EXPECT_EQ(std::memcmp(&globalChassisInfo[1], before, sizeof before), 0);
   EXPECT_EQ(FindChassis(static_cast<int32_t>(before[3].session), nullptr), 4);
@@ -185,7 +180,7 @@ TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
   constexpr char kFirst[] = "GPIB0::5::INSTR", kSecond[] = "TCPIP0::192.168.1.10::inst0::INSTR";
   const auto fresh = [&] {
     reset();
-    qbsim::setBench(qbsim::Bench{t.bench = {Chassis(kFirst, Model::RK420), Chassis(kSecond, Model::RK421)}});
+    qbsim::setBench(qbsim::Bench{{Chassis(kFirst, Model::RK420), Chassis(kSecond, Model::RK421)}});
     for (ChassisRecord &record : globalChassisInfo) {
       std::memset(record.slots, 0x11, sizeof record.slots);
       std::strcpy(record.scpiReply, "stale");
@@ -213,7 +208,8 @@ TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
   fresh();
   t.add("== refusals");
   for (const char *wanted : {"gpib0::5::instr", "GPIB0::5::INSTR ", ""}) t.connect(wanted);
-  uint32_t session = 0;
+  uint32_t session = 0, count = 0;
+  QBVISA_ResourceEntry found[5];
   const uint32_t manager = defaultRM;
   const int32_t refused[] = {QBVISA_Connect(nullptr, &session), QBVISA_Connect(kFirst, nullptr),
                              QBVISA_FindRsrc(nullptr, &count), QBVISA_FindRsrc(found, nullptr)};
