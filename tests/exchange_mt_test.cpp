@@ -11,16 +11,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <optional>
 #include <random>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "bench.hpp"
 #include "core/visa_api.h"

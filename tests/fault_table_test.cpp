@@ -11,8 +11,6 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "bench.hpp"
 #include "core/visa_api.h"

@@ -7,7 +7,6 @@
 #include <link.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
