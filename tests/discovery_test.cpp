@@ -113,9 +113,11 @@ struct Transcript {
 
 TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
   Transcript t;
-  // Only the maker's chassis are kept; PXI is not searched for.
+  // Only the maker's chassis are kept; PXI is not searched for. A reply
+  // without a comma has no maker, whatever the instrument before said.
   t.discover({other("GPIB0::3::INSTR", "ACME ,DMM 1 ,42 ,1.0\n"), other("GPIB0::4::INSTR"),
-              Chassis("GPIB0::5::INSTR", Model::RK420), Chassis("PXI0::1::INSTR", Model::RK421),
+              Chassis("GPIB0::5::INSTR", Model::RK420), other("GPIB0::7::INSTR", "QB \n"),
+              Chassis("PXI0::1::INSTR", Model::RK421),
               other("USB0::0x1AB1::0x0001::SN7::INSTR", "Quelbrink ,RK422 ,7 ,1.0\n"),
               other("TCPIP0::192.168.1.20::inst0::INSTR", "qb ,RK423 ,1\n"),
               other("GPIB0::6::INSTR", "Quelbrinks ,RK420 ,1 ,1.0\n"),
