@@ -20,8 +20,7 @@ TEST(ErrorTextTest, EveryTextExactlyThenEachCutKept) {
   char text[300];
   std::ifstream golden(QBVISA_TEST_DATA "/error_texts.txt");
   int64_t code = 0, expectedCode = QBVISA_ERR_LOAD_WINSOCK;
-  std::string line;
-  while (golden >> code && std::getline(golden.ignore(1), line)) {
+  for (std::string line; golden >> code && std::getline(golden.ignore(1), line);) {
     EXPECT_EQ(code, expectedCode--);
     EXPECT_EQ(QBVISA_ErrorCodeToMessage(code, text, 255), QBVISA_SUCCESS);
     EXPECT_EQ(std::string(text) + "|", line) << code;
@@ -34,12 +33,10 @@ TEST(ErrorTextTest, EveryTextExactlyThenEachCutKept) {
     const char *text;  // nullptr: refused, buffer left alone
   } cases[] = {
       {-10054, kAll, " "},  // one past the last code still reads the table
-      {-10055, kAll, "Error caused by VISA API"},
-      {INT64_MIN, kAll, "Error caused by VISA API"},
+      {-10055, kAll, "Error caused by VISA API"}, {INT64_MIN, kAll, "Error caused by VISA API"},
       {0, kAll, nullptr}, {-9999, kAll, nullptr}, {INT64_MAX, kAll, nullptr},
       // Each cut, then the same code asked again with room for all.
-      {QBVISA_ERR_CLOSURE_LIMIT, 5, "Relay"},
-      {QBVISA_ERR_CLOSURE_LIMIT, kAll, "Relay"},
+      {QBVISA_ERR_CLOSURE_LIMIT, 5, "Relay"}, {QBVISA_ERR_CLOSURE_LIMIT, kAll, "Relay"},
       {QBVISA_ERR_BAD_IP, 14, "Bad IP Address"},  // exactly its length
       {QBVISA_ERR_BAD_IP, kAll, "Bad IP Address"},
       {QBVISA_ERR_SN_UNSET, kAll, "SN_Num Unset"},  // the other neighbour
@@ -49,12 +46,8 @@ TEST(ErrorTextTest, EveryTextExactlyThenEachCutKept) {
   for (const auto &c : cases) {
     std::memset(text, '#', sizeof text - 1);
     text[sizeof text - 1] = '\0';
-    EXPECT_EQ(QBVISA_ErrorCodeToMessage(c.code, text, c.length),
-              c.text != nullptr ? QBVISA_SUCCESS : QBVISA_ERR_ERRORCODE)
-        << c.code;
-    EXPECT_EQ(std::string(text),
-              c.text != nullptr ? c.text : std::string(sizeof text - 1, '#'))
-        << c.code;
+    EXPECT_EQ(QBVISA_ErrorCodeToMessage(c.code, text, c.length), c.text ? QBVISA_SUCCESS : QBVISA_ERR_ERRORCODE) << c.code;
+    EXPECT_EQ(std::string(text), c.text ? c.text : std::string(sizeof text - 1, '#')) << c.code;
   }
   std::memcpy(errmsg, saved, sizeof saved);
 }

@@ -4,11 +4,9 @@
 // count those whose caller lies in the library's code segment. Sanitizer
 // builds bring their own allocator and skip the watch.
 #include <gtest/gtest.h>
-
 #include <link.h>
 
 #include <atomic>
-#include <cstdint>
 #include <cstdlib>
 #include <new>
 
@@ -34,8 +32,7 @@ int findLibraryCode(dl_phdr_info *info, size_t, void *) {
   for (int i = 0; i < info->dlpi_phnum; ++i) {
     const ElfW(Phdr) &h = info->dlpi_phdr[i];
     const uintptr_t begin = info->dlpi_addr + h.p_vaddr;
-    if (h.p_type == PT_LOAD && (h.p_flags & PF_X) && target >= begin &&
-        target < begin + h.p_memsz) {
+    if (h.p_type == PT_LOAD && (h.p_flags & PF_X) && target >= begin && target < begin + h.p_memsz) {
       codeBegin = begin;
       codeEnd = begin + h.p_memsz;
       return 1;
@@ -45,17 +42,12 @@ int findLibraryCode(dl_phdr_info *info, size_t, void *) {
 }
 }  // namespace
 
-extern "C" void *malloc(size_t size) noexcept {
-  note(__builtin_return_address(0));
-  return __libc_malloc(size);
-}
+extern "C" void *malloc(size_t size) noexcept { return note(__builtin_return_address(0)), __libc_malloc(size); }
 extern "C" void *calloc(size_t count, size_t size) noexcept {
-  note(__builtin_return_address(0));
-  return __libc_calloc(count, size);
+  return note(__builtin_return_address(0)), __libc_calloc(count, size);
 }
 extern "C" void *realloc(void *block, size_t size) noexcept {
-  note(__builtin_return_address(0));
-  return __libc_realloc(block, size);
+  return note(__builtin_return_address(0)), __libc_realloc(block, size);
 }
 void *operator new(size_t size) {
   note(__builtin_return_address(0));
@@ -74,18 +66,12 @@ TEST(SwitchingAllocationTest, SwitchingCallsAllocateNothing) {
   std::free(array[0]);
   free2int(array);
 
-  using qbsim::Model;
-  for (Model model : {Model::RK420, Model::RK421, Model::RK422, Model::RK423}) {
-    const qbtest::Connection c =
-        qbtest::readyChassis(qbtest::chassisConfig(model));
-    std::vector<uint32_t> words =
-        qbtest::wordsFor(c.record->slots[0], {0, 13, 40});
+  for (qbsim::Model model : {qbsim::Model::RK420, qbsim::Model::RK421, qbsim::Model::RK422, qbsim::Model::RK423}) {
+    const qbtest::Connection c = qbtest::readyChassis(qbtest::chassisConfig(model));
+    std::vector<uint32_t> words = qbtest::wordsFor(c.record->slots[0], {0, 13, 40});
     fromLibrary = 0;
-    for (int i = 0; i < 3; ++i) {
-      ASSERT_EQ(QBVISA_OpMatrix(c.session, 0, words.data(),
-                                static_cast<uint32_t>(words.size())),
-                0);
-    }
+    for (int i = 0; i < 3; ++i)
+      ASSERT_EQ(QBVISA_OpMatrix(c.session, 0, words.data(), static_cast<uint32_t>(words.size())), 0);
     EXPECT_EQ(fromLibrary.load(), 0) << qbsim::modelName(model);
   }
 }

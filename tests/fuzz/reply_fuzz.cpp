@@ -33,10 +33,7 @@
 namespace {
 
 void require(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "reply fuzz: %s\n", what);
-    std::abort();
-  }
+  if (!ok) std::fprintf(stderr, "reply fuzz: %s\n", what), std::abort();
 }
 
 struct Script {
@@ -46,11 +43,7 @@ struct Script {
   uint8_t byte() { return done() ? 0 : data[at++]; }
   uint16_t word() { return static_cast<uint16_t>(byte() | byte() << 8); }
   // Consumes the next byte only when it is `marker`.
-  bool marked(uint8_t marker) {
-    if (done() || data[at] != marker) return false;
-    ++at;
-    return true;
-  }
+  bool marked(uint8_t marker) { return !done() && data[at] == marker && ++at != 0; }
 } script;
 
 // Discovery during set-up gets a chassis of the chosen model from these.
@@ -66,36 +59,33 @@ constexpr const char *kResources[] = {
     "GPIB0::5::INSTR", "ASRL1::INSTR", "USB0::0x1A2B::0x0421::RK421001::INSTR", "TCPIP0::10.0.0.2::inst0::INSTR",
     "ASRL2::INSTR",    "GPIB0::9::INSTR",
     "TCPIP0::a-resource-name-longer-than-the-record-holds-without-its-end::inst0::INSTR"};
-constexpr ViStatus kReadStatuses[] = {VI_SUCCESS,   VI_SUCCESS_TERM_CHAR, VI_SUCCESS_MAX_CNT,
-                                      VI_SUCCESS,   VI_ERROR_TMO,         VI_ERROR_IO,
-                                      VI_ERROR_CONN_LOST, VI_SUCCESS};
+constexpr ViStatus kReadStatuses[] = {VI_SUCCESS,   VI_SUCCESS_TERM_CHAR, VI_SUCCESS_MAX_CNT, VI_SUCCESS,
+                                      VI_ERROR_TMO, VI_ERROR_IO, VI_ERROR_CONN_LOST, VI_SUCCESS};
 constexpr uint16_t kRelayStateCommand = 19;
-
 unsigned foundLeft = 0;
 
 void nameResource(ViChar desc[]) {
   const char *name = canned ? kResources[0] : kResources[script.byte() % std::size(kResources)];
   std::snprintf(desc, VI_FIND_BUFLEN, "%s", name);
 }
+ViStatus fresh(ViSession *vi) {
+  *vi = nextSession++;
+  return VI_SUCCESS;
+}
 
 }  // namespace
 
 extern "C" {
 
-ViStatus viOpenDefaultRM(ViSession *vi) {
-  if (!canned && script.marked(0xFB)) return VI_ERROR_SYSTEM_ERROR;
-  *vi = nextSession++;
-  return VI_SUCCESS;
-}
+ViStatus viOpenDefaultRM(ViSession *vi) { return !canned && script.marked(0xFB) ? VI_ERROR_SYSTEM_ERROR : fresh(vi); }
 
 ViStatus viFindRsrc(ViSession, const char *, ViFindList *vi, ViUInt32 *retCnt, ViChar desc[]) {
   const unsigned count = canned ? 1 : script.byte() % 8;
   if (count == 0) return VI_ERROR_RSRC_NFOUND;
-  *vi = nextSession++;
   *retCnt = count;
   foundLeft = count - 1;
   nameResource(desc);
-  return VI_SUCCESS;
+  return fresh(vi);
 }
 
 ViStatus viFindNext(ViFindList, ViChar desc[]) {
@@ -106,9 +96,7 @@ ViStatus viFindNext(ViFindList, ViChar desc[]) {
 }
 
 ViStatus viOpen(ViSession, const char *, ViAccessMode, ViUInt32, ViSession *vi) {
-  if (!canned && script.marked(0xFC)) return VI_ERROR_RSRC_NFOUND;
-  *vi = nextSession++;
-  return VI_SUCCESS;
+  return !canned && script.marked(0xFC) ? VI_ERROR_RSRC_NFOUND : fresh(vi);
 }
 
 ViStatus viClose(ViObject) { return VI_SUCCESS; }
@@ -129,9 +117,8 @@ ViStatus viRead(ViSession vi, ViByte *buf, ViUInt32 cnt, ViUInt32 *retCnt) {
   ++reads;
   *retCnt = 0;
   if (canned) {
-    const size_t n = std::strlen(cannedIdentity);
-    std::memcpy(buf, cannedIdentity, n);
-    *retCnt = static_cast<ViUInt32>(n);
+    *retCnt = static_cast<ViUInt32>(std::strlen(cannedIdentity));
+    std::memcpy(buf, cannedIdentity, *retCnt);
     return VI_SUCCESS;
   }
   if (script.done()) return VI_ERROR_TMO;
@@ -159,34 +146,27 @@ namespace {
 char updatePath[64] = "/tmp/qbvisa-reply-fuzz-XXXXXX";
 uint32_t session = 0;
 
-// A caller's buffer with a guard area behind the `size` bytes a call may use.
+// A caller's buffer with a guard area behind the `N` bytes a call may use.
 template <size_t N>
 struct Guarded {
-  static constexpr size_t kGuard = 16;
-  char bytes[N + kGuard];
+  char bytes[N + 16];
   Guarded() { std::memset(bytes, 0xA5, sizeof bytes); }
   void check() const {
     for (size_t i = N; i < sizeof bytes; ++i) require(static_cast<uint8_t>(bytes[i]) == 0xA5, "buffer overrun");
   }
 };
+template <size_t N, typename Call>
+void guarded(Call call) {
+  Guarded<N> buffer;
+  call(buffer.bytes);
+  buffer.check();
+}
 
 constexpr const char *kQueries[] = {
-    "*IDN?",
-    ":SYSTem:VERSion?",
-    ":SYSTem:MODule?",
-    ":SYSTem:MANF?",
-    ":SYSemT:COMMunication:LAN:IP:ADDRess?",
-    ":SYSemT:COMMunication:LAN:MODE?",
-    ":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess?",
-    ":SYSTem:COMMunicate:RS232:BAUD?",
-    ":SYSTem:ConTRoL:MODE?",
-    ":SYSTem:ConTRoL:SET: REMOTE",
-    ":DIAGnostic:TEST:CARD:BIP?",
-    ":DIAGnostic:TEST:CARD:SPILOOP?",
-    ":DIAGnostic:TEST:CARD:STATe?",
-    "*RST>",
-    ":CLOSe (@1(1!1,2!3))",
-    ":OPEN:ALL",
+    "*IDN?", ":SYSTem:VERSion?", ":SYSTem:MODule?", ":SYSTem:MANF?", ":SYSemT:COMMunication:LAN:IP:ADDRess?",
+    ":SYSemT:COMMunication:LAN:MODE?", ":SYSTem:COMMunicate:GPIB:RDEVice:ADDRess?", ":SYSTem:COMMunicate:RS232:BAUD?",
+    ":SYSTem:ConTRoL:MODE?", ":SYSTem:ConTRoL:SET: REMOTE", ":DIAGnostic:TEST:CARD:BIP?",
+    ":DIAGnostic:TEST:CARD:SPILOOP?", ":DIAGnostic:TEST:CARD:STATe?", "*RST>", ":CLOSe (@1(1!1,2!3))", ":OPEN:ALL",
 };
 
 void runCall(uint8_t call) {
@@ -202,13 +182,8 @@ void runCall(uint8_t call) {
       QBVISA_OpMatrix(session, slot & 1, words, static_cast<uint32_t>(std::size(words)));
       break;
     }
-    case 4:
-    case 5: {
-      Guarded<220> list;
-      (call % 30 == 4 ? QBVISA_GetSWVersion : QBVISA_GetHWVersion)(session, list.bytes, 22);
-      list.check();
-      break;
-    }
+    case 4: guarded<220>([](char *list) { QBVISA_GetSWVersion(session, list, 22); }); break;
+    case 5: guarded<220>([](char *list) { QBVISA_GetHWVersion(session, list, 22); }); break;
     case 6: {
       Guarded<10> texts[4];
       for (auto &t : texts) std::memset(t.bytes, 'x', 10), t.bytes[9] = '\0';
@@ -220,27 +195,13 @@ void runCall(uint8_t call) {
       uint32_t list[31];
       list[30] = 0xA5A5A5A5u;
       QBVISA_GetSN(session, list, slot * 10);
-      require(list[30] == 0xA5A5A5A5u, "serial list overrun");
-      break;
+      return require(list[30] == 0xA5A5A5A5u, "serial list overrun");
     }
     case 8: QBVISA_SetSN(session, "12345678", "3"); break;
     case 9: QBVISA_SetCardSN(session, "87654321", "2", static_cast<int32_t>(slot) + 1); break;
-    case 10: {
-      Guarded<10> name;
-      QBVISA_GetCardType(session, static_cast<uint32_t>(slot), name.bytes);
-      name.check();
-      break;
-    }
-    case 11: {
-      Guarded<16> ip;
-      QBVISA_GetCOMMIPAddr(session, ip.bytes);
-      ip.check();
-      break;
-    }
-    case 12:
-    case 13:
-    case 14:
-    case 15: {
+    case 10: guarded<10>([slot](char *name) { QBVISA_GetCardType(session, static_cast<uint32_t>(slot), name); }); break;
+    case 11: guarded<16>([](char *ip) { QBVISA_GetCOMMIPAddr(session, ip); }); break;
+    case 12: case 13: case 14: case 15: {
       static int32_t (*const getters[])(uint32_t, uint32_t *) = {QBVISA_GetGPIBAddress, QBVISA_GetBaudRate,
                                                                 QBVISA_GetLANMode, QBVISA_GetControlMode};
       uint32_t value = 0;
@@ -253,39 +214,26 @@ void runCall(uint8_t call) {
     case 19: QBVISA_SetLANMode(session, slot & 1); break;
     case 20: QBVISA_SetControlMode(session, slot & 1); break;
     case 21: QBVISA_Clear(session, slot); break;
-    case 22: {
-      Guarded<40> text;
-      QBVISA_SelfTest(session, slot, text.bytes, 40);
-      text.check();
-      break;
-    }
+    case 22: guarded<40>([slot](char *text) { QBVISA_SelfTest(session, slot, text, 40); }); break;
     case 23: QBVISA_BoardInPlace(session, slot); break;
-    case 24:
-    case 25: {
+    case 24: case 25: {
       int32_t values[5] = {0, 0, 0, 0, 0x5A5A5A5A};
       uint32_t count = 0;
-      if (call % 30 == 24) {
-        QBVISA_BoardInPlaceInfo(session, values, &count);
-      } else {
-        QBVISA_SPILoopTestInfo(session, slot, values, &count);
-      }
-      require(values[4] == 0x5A5A5A5A, "flag list overrun");
-      break;
+      call % 30 == 24 ? QBVISA_BoardInPlaceInfo(session, values, &count)
+                      : QBVISA_SPILoopTestInfo(session, slot, values, &count);
+      return require(values[4] == 0x5A5A5A5A, "flag list overrun");
     }
     case 26: QBVISA_OnlineUpdate(session, updatePath); break;
-    case 27: {
-      Guarded<400> reply;
-      QBVISA_SCPIQuery(session, kQueries[script.byte() % std::size(kQueries)], reply.bytes);
-      require(std::memchr(reply.bytes, '\0', 400) != nullptr, "reply not terminated");
-      reply.check();
-      break;
-    }
+    case 27:
+      return guarded<400>([](char *reply) {
+        QBVISA_SCPIQuery(session, kQueries[script.byte() % std::size(kQueries)], reply);
+        require(std::memchr(reply, '\0', 400) != nullptr, "reply not terminated");
+      });
     case 28: {
       QBVISA_ResourceEntry list[8];
       uint32_t count = 0;
       QBVISA_FindRsrc(list, &count);
-      require(count <= QBVISA_USABLE_RECORDS, "more chassis registered than can be reached");
-      break;
+      return require(count <= QBVISA_USABLE_RECORDS, "more chassis registered than can be reached");
     }
     default: {  // the record as the calls above left it, read back
       QBVISA_SlotInfo info;
