@@ -58,13 +58,6 @@ bool lastArrayHolds(const Connection &c, const std::vector<uint32_t> &words) {
   return std::memcmp(c.record->slots[0].lastArray, words.data(), words.size() * 4) == 0;
 }
 
-class SwitchingTest : public ::testing::Test {
- protected:
-  // Some cases bend a location entry to reach relays no point uses; each
-  // case's initialisation reloads the entries, and so does this.
-  void TearDown() override { InitPointInfo(); }
-};
-
 // One call as a transcript line: the status, each frame's byte count and
 // non-zero 16-bit words (index:hex), and the relays the chassis holds closed.
 std::string transcript(const Connection &c, const std::string &what, const std::vector<uint32_t> &words) {
@@ -86,7 +79,7 @@ std::string transcript(const Connection &c, const std::string &what, const std::
 // (tests/data/switching_transcript.txt). A point closes its crosspoint and the
 // isolation relays its kind needs, on the board of its sub-matrix; bit group g
 // of board b travels as frame word 2 + b*W + (W-1-g).
-TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
+TEST(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
   std::string out;
   struct Case {
     const char *what;
@@ -159,7 +152,7 @@ TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
 // Points are added one at a time, each kept only if the chassis takes it: the
 // most relays (crosspoints and isolation relays together) ever closed must be
 // the limit itself. Then a refused array sends nothing and changes nothing.
-TEST_F(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
+TEST(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
   const struct {
     Model model;
     size_t limit;
@@ -192,7 +185,7 @@ TEST_F(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
 
 // A refused frame keeps the previous array as the slot's last array, and
 // gives the exchange lock back.
-TEST_F(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
+TEST(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
   const struct {
     Model model;
     std::optional<qbsim::Fault> fault;  // none: front-panel control taken
@@ -221,7 +214,7 @@ TEST_F(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
 
 // Internal callers switch without the exchange lock, which a failed locked
 // write would leave taken: a failed write here leaves it free.
-TEST_F(SwitchingTest, UnlockedSwitching) {
+TEST(SwitchingTest, UnlockedSwitching) {
   const Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK421));
   std::vector<uint32_t> words = everyNth(c, 7, 1);
   ASSERT_EQ(opMatrix(c, words), 0);
@@ -234,7 +227,7 @@ TEST_F(SwitchingTest, UnlockedSwitching) {
   EXPECT_EQ(opMatrix(c, words), 0);
 }
 
-TEST_F(SwitchingTest, SlotAndArgumentRules) {
+TEST(SwitchingTest, SlotAndArgumentRules) {
   uint32_t word = 1;
   const struct {
     const char *what;
@@ -272,7 +265,7 @@ TEST_F(SwitchingTest, SlotAndArgumentRules) {
   }
 }
 
-TEST_F(SwitchingTest, WordCountEdges) {
+TEST(SwitchingTest, WordCountEdges) {
   // No words: every relay opens, and the last array stays as it was.
   const Connection rk420 = qbtest::readyChassis(qbtest::chassisConfig(Model::RK420));
   const std::vector<uint32_t> kept = everyNth(rk420, 5, 0);
@@ -303,7 +296,7 @@ TEST_F(SwitchingTest, WordCountEdges) {
 
 // A geometry larger than the relay image is refused before anything is
 // built or sent; a board number outside the image is skipped.
-TEST_F(SwitchingTest, GeometryOutsideTheImageIsRefused) {
+TEST(SwitchingTest, GeometryOutsideTheImageIsRefused) {
   const Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK422));
   SlotArea &slot = c.record->slots[0];
   const std::vector<uint32_t> words = everyNth(c, 3, 0);
@@ -467,6 +460,23 @@ TEST(SwitchingDifferentialTest, FramesPastSixteenBitBitNumbers) {
   EXPECT_EQ(prepared, pointByPoint);
   EXPECT_EQ(pointByPoint.writes.at(0).size(), 4 + 21 * 200 * 2u);
   c.record->slots[0].wordsPerGroup = 49;
+}
+
+// A slot's prepared table is rebuilt when its geometry changes: the points of
+// RK420 row 11 stop the placing while the slot has 11 rows, but not once it
+// has 12 again (with 590 points, also those past the first 18 words of stops).
+TEST(SwitchingDifferentialTest, StopsOfAnEarlierGeometryAreCleared) {
+  const qbtest::Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK420));
+  SlotArea &slot = c.record->slots[0];
+  slot.pointCount = 590;
+  std::vector<uint32_t> array = qbtest::wordsFor(slot, {580, 585});
+  for (uint16_t rows : {11, 12}) {
+    slot.rowCount = rows;
+    const auto [prepared, pointByPoint] = bothPaths(c, array);
+    EXPECT_EQ(prepared, pointByPoint) << rows;
+  }
+  EXPECT_EQ(qbsim::closedRelays(c.resource).size(), 6u);
+  slot.pointCount = 600;
 }
 
 }  // namespace
