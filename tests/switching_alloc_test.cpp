@@ -76,16 +76,11 @@ TEST(SwitchingAllocationTest, SwitchingCallsAllocateNothing) {
 
   using qbsim::Model;
   for (Model model : {Model::RK420, Model::RK421, Model::RK422, Model::RK423}) {
-    const qbtest::Connection c =
-        qbtest::readyChassis(qbtest::chassisConfig(model));
-    std::vector<uint32_t> words =
-        qbtest::wordsFor(c.record->slots[0], {0, 13, 40});
+    const qbtest::Connection c = qbtest::readyChassis(qbtest::chassisConfig(model));
+    std::vector<uint32_t> words = qbtest::wordsFor(c.record->slots[0], {0, 13, 40});
     fromLibrary = 0;
-    for (int i = 0; i < 3; ++i) {
-      ASSERT_EQ(QBVISA_OpMatrix(c.session, 0, words.data(),
-                                static_cast<uint32_t>(words.size())),
-                0);
-    }
+    for (int i = 0; i < 3; ++i)
+      ASSERT_EQ(QBVISA_OpMatrix(c.session, 0, words.data(), uint32_t(words.size())), 0);
     EXPECT_EQ(fromLibrary.load(), 0) << qbsim::modelName(model);
   }
 }
