@@ -404,13 +404,10 @@ TEST(SwitchingDifferentialTest, PreparedFramesMatchThePointByPointBuilder) {
         SlotArea &s = record.slots[0];
         auto chance = [&](int percent) { return int(rng() % 100) < percent; };
         auto nudge = [&](uint16_t &field, int span) { field = uint16_t(std::max(0, field + int(rng() % (2 * span + 1)) - span)); };
-        if (chance(10)) nudge(s.rowCount, 3);
-        if (chance(10)) nudge(s.columnCount, 3);
-        if (chance(8)) nudge(s.subMatrixCount, 2);
-        if (chance(8)) nudge(s.groupCount, 2);
-        if (chance(8)) nudge(s.wordsPerGroup, 2);
-        if (chance(8)) nudge(s.pointCount, 40);
-        if (chance(8)) nudge(s.arrayWordLimit, 3);
+        for (const auto &[field, percent, span] : {std::tuple<uint16_t *, int, int>{&s.rowCount, 10, 3},
+                 {&s.columnCount, 10, 3}, {&s.subMatrixCount, 8, 2}, {&s.groupCount, 8, 2},
+                 {&s.wordsPerGroup, 8, 2}, {&s.pointCount, 8, 40}, {&s.arrayWordLimit, 8, 3}})
+          if (chance(percent)) nudge(*field, span);
         if (chance(10)) s.subMatrixGroup[rng() % 21] = int8_t(int(rng() % 28) - 2);
         if (chance(5)) s.matrixKind = uint32_t(rng() % 5);  // another model's wiring, or a card's
         if (chance(5)) record.modelTypeCode = uint16_t(qbvisa::chassisModels()[rng() % 6].typeCode);
