@@ -4,7 +4,6 @@
 // fitted sub-matrices, closure limit, model name, point relays), with refusals.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <set>
 #include <sstream>
@@ -15,7 +14,6 @@
 #include "bench.hpp"
 #include "golden.hpp"
 #include "qbvisa_ext.h"
-#include "qbvisa_lowlevel.h"
 #include "wiring/crosspoint_wiring.h"
 
 namespace {
