@@ -58,19 +58,13 @@ bool lastArrayHolds(const Connection &c, const std::vector<uint32_t> &words) {
   return std::memcmp(c.record->slots[0].lastArray, words.data(), words.size() * 4) == 0;
 }
 
-class SwitchingTest : public ::testing::Test {
- protected:
-  // Some cases bend a location entry to reach relays no point uses; each
-  // case's initialisation reloads the entries, and so does this.
-  void TearDown() override { InitPointInfo(); }
-};
-
 // One call as a transcript line: the status, each frame's byte count and
 // non-zero 16-bit words (index:hex), and the relays the chassis holds closed.
-std::string transcript(const Connection &c, const std::string &what, const std::vector<uint32_t> &words) {
+template <class Call>
+std::string transcriptOf(const Connection &c, const std::string &what, Call call) {
   qbsim::clearTraffic(c.resource);
   std::ostringstream out;
-  out << what << ": " << opMatrix(c, words) << std::hex;
+  out << what << ": " << call() << std::hex;
   for (const auto &frame : qbsim::writes(c.resource)) {
     out << " frame " << std::dec << frame.size() << std::hex;
     const std::vector<uint16_t> w = qbtest::Words(frame);
@@ -81,12 +75,15 @@ std::string transcript(const Connection &c, const std::string &what, const std::
   for (const Relay &r : qbsim::closedRelays(c.resource)) out << ' ' << r.board << '/' << r.group << '/' << r.bit;
   return out.str() + "\n";
 }
+std::string transcript(const Connection &c, const std::string &what, const std::vector<uint32_t> &words) {
+  return transcriptOf(c, what, [&] { return opMatrix(c, words); });
+}
 
 // Frames and closed relays against the reviewed transcript
 // (tests/data/switching_transcript.txt). A point closes its crosspoint and the
 // isolation relays its kind needs, on the board of its sub-matrix; bit group g
 // of board b travels as frame word 2 + b*W + (W-1-g).
-TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
+TEST(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
   std::string out;
   struct Case {
     const char *what;
@@ -159,7 +156,7 @@ TEST_F(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
 // Points are added one at a time, each kept only if the chassis takes it: the
 // most relays (crosspoints and isolation relays together) ever closed must be
 // the limit itself. Then a refused array sends nothing and changes nothing.
-TEST_F(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
+TEST(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
   const struct {
     Model model;
     size_t limit;
@@ -192,7 +189,7 @@ TEST_F(SwitchingTest, ClosureLimitIsCheckedBeforeAnythingIsSent) {
 
 // A refused frame keeps the previous array as the slot's last array, and
 // gives the exchange lock back.
-TEST_F(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
+TEST(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
   const struct {
     Model model;
     std::optional<qbsim::Fault> fault;  // none: front-panel control taken
@@ -221,7 +218,7 @@ TEST_F(SwitchingTest, FailedExchangesLeaveTheLastArrayAlone) {
 
 // Internal callers switch without the exchange lock, which a failed locked
 // write would leave taken: a failed write here leaves it free.
-TEST_F(SwitchingTest, UnlockedSwitching) {
+TEST(SwitchingTest, UnlockedSwitching) {
   const Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK421));
   std::vector<uint32_t> words = everyNth(c, 7, 1);
   ASSERT_EQ(opMatrix(c, words), 0);
@@ -234,7 +231,13 @@ TEST_F(SwitchingTest, UnlockedSwitching) {
   EXPECT_EQ(opMatrix(c, words), 0);
 }
 
-TEST_F(SwitchingTest, SlotAndArgumentRules) {
+// Slot and argument rules, and word counts, against the reviewed transcript
+// (tests/data/switching_rules.txt), "kept 1" where the last array holds what it
+// should: no words open every relay and leave the last array as it was; words
+// beyond the limit are not switched but are kept (every model's limit covers
+// its points, so it is lowered here).
+TEST(SwitchingTest, SlotArgumentAndWordCountRules) {
+  std::string out;
   uint32_t word = 1;
   const struct {
     const char *what;
@@ -242,52 +245,37 @@ TEST_F(SwitchingTest, SlotAndArgumentRules) {
     int opened;         // highest slot opened, -1: none
     uint32_t session;   // 0: the chassis's own
     uint64_t slot;
-    uint32_t *array;
-    uint32_t words;
-    int32_t status;
+    uint32_t *array, words;
   } cases[] = {
-      {"unknown session", Model::RK420, 0, qbtest::kUnknownSession, 0, &word, 1, QBVISA_ERR_HANDLE},
-      {"null array", Model::RK420, 0, 0, 0, nullptr, 3, QBVISA_ERR_PARAMETER},
-      {"slot 0 not opened", Model::RK420, -1, 0, 0, &word, 1, QBVISA_ERR_NO_TYPE0_CARD},
-      {"slot 3", Model::RK420, 0, 0, 3, &word, 1, QBVISA_ERR_PARAMETER},
-      {"only slot 0 switches", Model::RK420, 1, 0, 1, &word, 1, QBVISA_ERR_UNKNOWN_CARD_TYPE},
-      {"RK423B keeps slot 1", Model::RK423B, 0, 0, 1, &word, 1, QBVISA_ERR_NO_TYPE1_CARD},
-      {"RK421 any slot is 0", Model::RK421, 0, 0, 7, &word, 1, 0},
+      {"unknown session", Model::RK420, 0, qbtest::kUnknownSession, 0, &word, 1},
+      {"null array", Model::RK420, 0, 0, 0, nullptr, 3},
+      {"slot 0 not opened", Model::RK420, -1, 0, 0, &word, 1},
+      {"slot 3", Model::RK420, 0, 0, 3, &word, 1},
+      {"only slot 0 switches", Model::RK420, 1, 0, 1, &word, 1},
+      {"RK423B keeps slot 1", Model::RK423B, 0, 0, 1, &word, 1},
+      {"RK421 any slot is 0", Model::RK421, 0, 0, 7, &word, 1},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
     qbsim::ChassisConfig config = qbtest::chassisConfig(c.model);
     config.presenceMask = 0x3F;  // a card in slot 1 of an RK420
     config.presenceMaskSet = c.opened == 1;
-    const Connection chassis =
-        c.opened < 0 ? qbtest::connectChassis(config) : qbtest::readyChassis(config);
+    const Connection chassis = c.opened < 0 ? qbtest::connectChassis(config) : qbtest::readyChassis(config);
     uint64_t kind = 0;
-    if (c.opened == 1) {
-      ASSERT_EQ(QBVISA_OpenSpecifiedCard(chassis.session, 1, &kind), 0);
-    }
-    qbsim::clearTraffic(chassis.resource);
+    ASSERT_EQ(c.opened == 1 ? QBVISA_OpenSpecifiedCard(chassis.session, 1, &kind) : 0, 0);
     const uint32_t session = c.session != 0 ? c.session : chassis.session;
-    EXPECT_EQ(QBVISA_OpMatrix(session, c.slot, c.array, c.words), c.status);
-    EXPECT_EQ(qbsim::writes(chassis.resource).size(), c.status == 0 ? 1u : 0u);
+    out += transcriptOf(chassis, c.what, [&] { return QBVISA_OpMatrix(session, c.slot, c.array, c.words); });
   }
-}
-
-TEST_F(SwitchingTest, WordCountEdges) {
-  // No words: every relay opens, and the last array stays as it was.
   const Connection rk420 = qbtest::readyChassis(qbtest::chassisConfig(Model::RK420));
   const std::vector<uint32_t> kept = everyNth(rk420, 5, 0);
   ASSERT_EQ(opMatrix(rk420, kept), 0);
-  EXPECT_EQ(opMatrix(rk420, {}), 0);
-  EXPECT_TRUE(qbsim::closedRelays(rk420.resource).empty());
-  EXPECT_TRUE(lastArrayHolds(rk420, kept));
-  // Words beyond the limit are not switched but are kept (every model's
-  // limit covers its points, so it is lowered here).
+  out += transcript(rk420, "RK420 no words", {});
+  out += "kept " + std::to_string(lastArrayHolds(rk420, kept)) + "\n";
   const Connection rk423 = qbtest::readyChassis(qbtest::chassisConfig(Model::RK423));
   rk423.record->slots[0].arrayWordLimit = 2;
   const std::vector<uint32_t> words = {1, 0, 0xFFFFFFFFu, 0x12345678u};
-  ASSERT_EQ(opMatrix(rk423, words), 0);
-  EXPECT_EQ(qbsim::closedRelays(rk423.resource), (std::vector<Relay>{{0, 0, 0}, {0, 0, 6}}));
-  EXPECT_TRUE(lastArrayHolds(rk423, words));
+  out += transcript(rk423, "RK423 limit 2", words);
+  out += "kept " + std::to_string(lastArrayHolds(rk423, words)) + "\n";
+  qbgolden::expectGolden("switching_rules.txt", out);
   // More than the last array holds: the first 6000 bytes are kept and the
   // fields after it are untouched.
   const Connection rk422 = qbtest::readyChassis(qbtest::chassisConfig(Model::RK422));
@@ -303,7 +291,7 @@ TEST_F(SwitchingTest, WordCountEdges) {
 
 // A geometry larger than the relay image is refused before anything is
 // built or sent; a board number outside the image is skipped.
-TEST_F(SwitchingTest, GeometryOutsideTheImageIsRefused) {
+TEST(SwitchingTest, GeometryOutsideTheImageIsRefused) {
   const Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK422));
   SlotArea &slot = c.record->slots[0];
   const std::vector<uint32_t> words = everyNth(c, 3, 0);
@@ -416,13 +404,10 @@ TEST(SwitchingDifferentialTest, PreparedFramesMatchThePointByPointBuilder) {
         SlotArea &s = record.slots[0];
         auto chance = [&](int percent) { return int(rng() % 100) < percent; };
         auto nudge = [&](uint16_t &field, int span) { field = uint16_t(std::max(0, field + int(rng() % (2 * span + 1)) - span)); };
-        if (chance(10)) nudge(s.rowCount, 3);
-        if (chance(10)) nudge(s.columnCount, 3);
-        if (chance(8)) nudge(s.subMatrixCount, 2);
-        if (chance(8)) nudge(s.groupCount, 2);
-        if (chance(8)) nudge(s.wordsPerGroup, 2);
-        if (chance(8)) nudge(s.pointCount, 40);
-        if (chance(8)) nudge(s.arrayWordLimit, 3);
+        for (const auto &[field, percent, span] : {std::tuple<uint16_t *, int, int>{&s.rowCount, 10, 3},
+                 {&s.columnCount, 10, 3}, {&s.subMatrixCount, 8, 2}, {&s.groupCount, 8, 2},
+                 {&s.wordsPerGroup, 8, 2}, {&s.pointCount, 8, 40}, {&s.arrayWordLimit, 8, 3}})
+          if (chance(percent)) nudge(*field, span);
         if (chance(10)) s.subMatrixGroup[rng() % 21] = int8_t(int(rng() % 28) - 2);
         if (chance(5)) s.matrixKind = uint32_t(rng() % 5);  // another model's wiring, or a card's
         if (chance(5)) record.modelTypeCode = uint16_t(qbvisa::chassisModels()[rng() % 6].typeCode);
@@ -467,6 +452,23 @@ TEST(SwitchingDifferentialTest, FramesPastSixteenBitBitNumbers) {
   EXPECT_EQ(prepared, pointByPoint);
   EXPECT_EQ(pointByPoint.writes.at(0).size(), 4 + 21 * 200 * 2u);
   c.record->slots[0].wordsPerGroup = 49;
+}
+
+// A slot's prepared table is rebuilt when its geometry changes: the points of
+// RK420 row 11 stop the placing while the slot has 11 rows, but not once it
+// has 12 again (with 590 points, also those past the first 18 words of stops).
+TEST(SwitchingDifferentialTest, StopsOfAnEarlierGeometryAreCleared) {
+  const qbtest::Connection c = qbtest::readyChassis(qbtest::chassisConfig(Model::RK420));
+  SlotArea &slot = c.record->slots[0];
+  slot.pointCount = 590;
+  std::vector<uint32_t> array = qbtest::wordsFor(slot, {580, 585});
+  for (uint16_t rows : {11, 12}) {
+    slot.rowCount = rows;
+    const auto [prepared, pointByPoint] = bothPaths(c, array);
+    EXPECT_EQ(prepared, pointByPoint) << rows;
+  }
+  EXPECT_EQ(qbsim::closedRelays(c.resource).size(), 6u);
+  slot.pointCount = 600;
 }
 
 }  // namespace
