@@ -8,7 +8,7 @@
 
 #include "bench.hpp"
 #include "core/visa_api.h"
-#include "golden_lines.hpp"
+#include "golden.hpp"
 
 namespace {
 
@@ -216,7 +216,7 @@ TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
         to_string(refused[2]) + ", without count " + to_string(refused[3]) +
         (defaultRM == manager ? ", same manager" : ", new manager"));
   t.registry();
-  ExpectGoldenLines("discovery.txt", t.lines);
+  qbgolden::expectGolden("discovery.txt", t.lines);
 }
 
 }  // namespace

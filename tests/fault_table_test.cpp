@@ -14,7 +14,7 @@
 
 #include "bench.hpp"
 #include "core/visa_api.h"
-#include "golden_lines.hpp"
+#include "golden.hpp"
 
 namespace {
 // The chassis's waits (6 s after a LAN mode change, 1 s after a serial
@@ -232,7 +232,7 @@ TEST(FaultTable, EveryCallUnderEveryExchangeFault) {
       got.push_back(std::string(row.call) + " / " + name + ": " + (completion && asClean ? "as none" : r.line()));
     }
   }
-  ExpectGoldenLines("fault_table.txt", got);
+  qbgolden::expectGolden("fault_table.txt", got);
 }
 
 // The completion-code faults above only prove something if the bench really

@@ -1,31 +1,42 @@
-// golden.hpp - a rendered transcript compared whole with a reviewed file under
-// tests/data. On a difference the first differing line is named and the whole
-// rendering goes to NAME.actual beside the test program, for a diff.
+// golden.hpp - what a test saw, rendered as text lines and compared exactly
+// with a reviewed file under tests/data ('#' lines there are notes). A
+// mismatch names the differing lines (the first 20) and leaves the whole
+// rendering beside the test program as NAME.actual, for a diff.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace qbgolden {
 
-inline void expectGolden(const std::string &name, const std::string &actual) {
-  std::ifstream file(QBVISA_TEST_DATA "/" + name);
-  const std::string reviewed{std::istreambuf_iterator<char>(file), {}};
-  if (actual == reviewed) return;
-  std::ofstream(name + ".actual") << actual;
-  std::istringstream a(actual), r(reviewed);
-  std::string gotLine, reviewedLine;
-  for (int n = 1;; ++n) {
-    const bool got = bool(std::getline(a, gotLine)), had = bool(std::getline(r, reviewedLine));
-    if (got && had && gotLine == reviewedLine) continue;
-    ADD_FAILURE() << name << " line " << n << "\n  got:      " << (got ? gotLine : "(end)")
-                  << "\n  reviewed: " << (had ? reviewedLine : "(end)");
-    return;
+inline void expectGolden(const std::string &name, const std::vector<std::string> &got) {
+  std::ifstream in(QBVISA_TEST_DATA "/" + name);
+  std::vector<std::pair<int, std::string>> want;  // line number in the file, text
+  int number = 0;
+  for (std::string line; std::getline(in, line);)
+    if (++number, line.empty() || line[0] != '#') want.push_back({number, line});
+  std::string report, all;
+  int differ = 0;
+  for (size_t i = 0; i < std::max(want.size(), got.size()); ++i) {
+    const std::string w = i < want.size() ? want[i].second : "(end)", g = i < got.size() ? got[i] : "(end)";
+    all += i < got.size() ? g + "\n" : "";
+    if (w != g && ++differ <= 20)
+      report += name + ":" + std::to_string(i < want.size() ? want[i].first : number + 1) + "\n-" + w + "\n+" + g + "\n";
   }
+  if (differ != 0) std::ofstream(name + ".actual") << all;
+  EXPECT_EQ(differ, 0) << report << "(all of it in " << name << ".actual)";
+}
+
+inline void expectGolden(const std::string &name, const std::string &text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  expectGolden(name, lines);
 }
 
 }  // namespace qbgolden
