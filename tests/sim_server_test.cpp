@@ -36,10 +36,7 @@ const std::string kRK421 = "USB0::0x1A2B::0x0421::RK421001::INSTR";
 
 fs::path buildDir() { return fs::read_symlink("/proc/self/exe").parent_path().parent_path(); }
 
-struct ProgramRun {
-  int status;
-  std::string out;
-};
+struct ProgramRun { int status; std::string out; };
 
 class SimServerTest : public ::testing::Test {
  protected:
@@ -52,12 +49,12 @@ class SimServerTest : public ::testing::Test {
     unsetenv("QBSIM_BENCH");
   }
   void TearDown() override {
-    if (pid_ > 0) {
-      kill(pid_, SIGCONT);
-      kill(pid_, SIGKILL);
-      waitpid(pid_, nullptr, 0);
-    }
+    killServer();
     fs::remove_all(dir_);
+  }
+  void killServer() {
+    if (pid_ > 0) kill(pid_, SIGCONT), kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
+    pid_ = -1;
   }
 
   // Starts the server (no VXI-11: the test shares the machine's network)
@@ -184,10 +181,7 @@ TEST_F(SimServerTest, TheRackSurvivesARestartWithAStateFile) {
 }
 
 TEST_F(SimServerTest, AServerThatIsGoneGivesAVisaErrorWithinTheTimeOut) {
-  const struct {
-    const char *name;
-    int signal;
-  } cases[] = {{"hangs", SIGSTOP}, {"killed", SIGKILL}};
+  const struct { const char *name; int signal; } cases[] = {{"hangs", SIGSTOP}, {"killed", SIGKILL}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     start();
@@ -204,19 +198,14 @@ TEST_F(SimServerTest, AServerThatIsGoneGivesAVisaErrorWithinTheTimeOut) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
     // Every later call on the lost connection fails at once.
     EXPECT_EQ(viFlush(vi, VI_READ_BUF_DISCARD), VI_ERROR_CONN_LOST);
-    kill(pid_, SIGCONT);
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    killServer();
     EXPECT_EQ(viOpenDefaultRM(&manager), VI_ERROR_SYSTEM_ERROR);
     // A new server is reached by the next open.
     start();
     ASSERT_EQ(viOpenDefaultRM(&manager), VI_SUCCESS);
     EXPECT_EQ(viOpen(manager, kRK420.c_str(), 0, 0, &vi), VI_SUCCESS);
     EXPECT_EQ(viClose(manager), VI_SUCCESS);
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
+    killServer();
   }
 }
 
@@ -224,10 +213,7 @@ TEST_F(SimServerTest, FaultsArmedFromOutsideReachTheLibraryAsItsCodes) {
   start();
   const uint32_t session = readyRK420();
   uint32_t word = 1;
-  const struct {
-    const char *fault;
-    int32_t code;
-  } cases[] = {
+  const struct { const char *fault; int32_t code; } cases[] = {
       {"ReadFails", -10005},
       {"Timeout", -10005},
       {"FailureReply", -10049},
@@ -244,15 +230,9 @@ TEST_F(SimServerTest, FaultsArmedFromOutsideReachTheLibraryAsItsCodes) {
 
 TEST_F(SimServerTest, BadMessagesCloseTheConnectionOrAnswerAnErrorAndTheServerGoesOn) {
   start();
-  const auto le32 = [](uint32_t v) {
-    return std::string{static_cast<char>(v), static_cast<char>(v >> 8), static_cast<char>(v >> 16),
-                       static_cast<char>(v >> 24)};
-  };
-  const struct {
-    const char *name;
-    std::string bytes;
-    bool closes;  // else: one reply with VI_ERROR_NSUP_OPER or VI_ERROR_INV_OBJECT
-  } cases[] = {
+  const auto le32 = [](uint32_t v) { return std::string{char(v), char(v >> 8), char(v >> 16), char(v >> 24)}; };
+  // closes, else: one reply with VI_ERROR_NSUP_OPER or VI_ERROR_INV_OBJECT
+  const struct { const char *name; std::string bytes; bool closes; } cases[] = {
       {"oversized frame", le32(0xFFFFFFF0u) + "x", true},
       {"empty frame", le32(0), true},
       {"arguments cut short", le32(3) + std::string("\x04\x01\x00", 3), true},

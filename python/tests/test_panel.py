@@ -29,17 +29,13 @@ def panel(qbvisa_bench):
 
 def request(panel, method, path, body=None, token=True, headers=()):
     connection = http.client.HTTPConnection(panel.host, panel.port, timeout=10)
-    sent = {"Content-Type": "application/json"}
-    if token:
-        sent["X-Panel-Token"] = panel.token
-    sent.update(headers)
+    sent = {"Content-Type": "application/json", **({"X-Panel-Token": panel.token} if token else {}), **dict(headers)}
     data = body if isinstance(body, (bytes, type(None))) else json.dumps(body).encode()
     connection.request(method, path, body=data, headers=sent)
     reply = connection.getresponse()
     raw = reply.read()
     connection.close()
-    kind = reply.getheader("Content-Type", "")
-    return reply.status, json.loads(raw) if kind == "application/json" else raw
+    return reply.status, json.loads(raw) if reply.getheader("Content-Type") == "application/json" else raw
 
 
 def test_relays_read_back_map_to_the_crosspoints_switched_and_are_counted(qbvisa_bench):
