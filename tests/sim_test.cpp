@@ -99,9 +99,24 @@ class Script {
       out << name(viFlush(vi_, VI_READ_BUF_DISCARD));
     } else if (op == "close") {
       out << name(viClose(vi_));
-    } else if (op == "fault") {  // by the name bindings use
-      in >> arg;
-      out << qbsim_inject_fault(resource_.c_str(), arg.c_str());
+    } else if (op == "fault") {  // by the name bindings use; here, or on a named resource
+      std::string other;
+      in >> arg >> other;
+      out << (other.empty() ? qbsim_inject_fault(resource_.c_str(), arg.c_str())
+                            : qbsim_inject_fault(arg.c_str(), other.c_str()));
+    } else if (op == "load" || op == "load-file") {  // the entry points bindings call
+      char error[160] = "";
+      std::getline(in >> std::ws, arg);
+      const int status = op == "load" ? qbsim_load_bench_json(arg.c_str(), error, sizeof error)
+                                      : qbsim_load_bench_file(arg.c_str(), nullptr, 0);  // no room for why
+      out << status << " " << qbsim::currentBench().resources.size() << " " << error;
+    } else if (op == "reset" || op == "default") {  // both close every session
+      out << (op == "reset" ? qbsim_reset() : qbsim_use_default_bench()) << " "
+          << name(viOpenDefaultRM(&rm_)) << " " << qbsim::currentBench().resources.size();
+    } else if (op == "bench") {
+      std::vector<char> json(qbsim_bench_json(nullptr, 0) + 1);
+      const bool whole = qbsim_bench_json(json.data(), int(json.size())) == int(json.size()) - 1;
+      out << (whole ? "whole, " : "cut, ") << qbsim::parseBench(json.data()).resources.at(0).name;
     } else if (op == "gpib") {
       out << int(qbsim::chassisState(resource_).gpibAddress);
     } else if (op == "relays") {
@@ -216,34 +231,3 @@ TEST(BenchFileDeathTest, EnvironmentNamesTheBenchFile) {
 }
 
 }  // namespace
-
-// The entry points bindings call: bench loading with its reason on failure,
-// faults by name, and reset back to the described state.
-TEST(BenchEntryPoints, LoadInjectAndReset) {
-  char error[128] = "x";
-  EXPECT_EQ(qbsim_load_bench_json("{\"version\": 9, \"resources\": []}", error, sizeof error), -1);
-  EXPECT_NE(std::string(error), "");
-  EXPECT_EQ(qbsim_load_bench_file("/nonexistent/bench.json", nullptr, 0), -1);
-  const std::string one =
-      R"({"version": 1, "resources": [{"name": "GPIB0::7::INSTR", "chassis": {"model": "RK423"}}]})";
-  ASSERT_EQ(qbsim_load_bench_json(one.c_str(), error, sizeof error), 0) << error;
-  EXPECT_EQ(qbsim::currentBench().resources.size(), 1u);
-  std::vector<char> json(qbsim_bench_json(nullptr, 0) + 1);
-  EXPECT_EQ(qbsim_bench_json(json.data(), static_cast<int>(json.size())), static_cast<int>(json.size()) - 1);
-  EXPECT_EQ(qbsim::parseBench(json.data()).resources.at(0).name, "GPIB0::7::INSTR");
-
-  EXPECT_EQ(qbsim_inject_fault("GPIB0::7::INSTR", "Flood"), -1);
-  EXPECT_EQ(qbsim_inject_fault("GPIB0::8::INSTR", "Vanish"), -1);
-  ASSERT_EQ(qbsim_inject_fault("GPIB0::7::INSTR", "Vanish"), 0);
-  ViSession rm = VI_NULL, vi = VI_NULL;
-  ASSERT_EQ(viOpenDefaultRM(&rm), VI_SUCCESS);
-  ViUInt32 count = 0;
-  EXPECT_LT(viOpen(rm, "GPIB0::7::INSTR", 0, 0, &vi), 0);  // gone
-  ASSERT_EQ(qbsim_reset(), 0);  // the instrument is back, every old session closed
-  ASSERT_EQ(viOpenDefaultRM(&rm), VI_SUCCESS);
-  ASSERT_EQ(viOpen(rm, "GPIB0::7::INSTR", 0, 0, &vi), VI_SUCCESS);
-  EXPECT_EQ(viWrite(vi, reinterpret_cast<const ViByte *>("\x08\0\0\0"), 4, &count), VI_SUCCESS);
-  viClose(rm);
-  ASSERT_EQ(qbsim_use_default_bench(), 0);
-  EXPECT_EQ(qbsim::currentBench().resources.size(), 5u);
-}
