@@ -19,47 +19,28 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct ToolRun {
-  int status;
-  std::string out, err;
-};
-
-// Arguments and paths here hold no single quote.
-std::string quoted(const std::string &word) { return "'" + word + "'"; }
-
 std::string slurp(const fs::path &file) {
   std::ifstream in(file);
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-class ToolTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    char pattern[] = "/tmp/qbvisa_tool_test.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    scratch_ = pattern;
-  }
-  static void TearDownTestSuite() { fs::remove_all(scratch_); }
-
-  // Runs the tool built beside the tests (<build>/tools/qbvisa) with `input`
-  // on standard input, on the built-in bench or on the one `benchJson` describes.
-  static ToolRun tool(const std::vector<std::string> &args, const std::string &input = "",
-                      const std::string &benchJson = "") {
-    std::ofstream(scratch_ / "in") << input;
-    std::ofstream(scratch_ / "bench.json") << benchJson;
-    std::string command = "env -u QBSIM_BENCH -u COLUMNS ";
-    if (!benchJson.empty()) command += "QBSIM_BENCH=" + quoted(scratch_ / "bench.json") + " ";
-    command += quoted(fs::read_symlink("/proc/self/exe").parent_path().parent_path() /
-                      "tools/qbvisa");
-    for (const auto &arg : args) command += " " + quoted(arg);
-    command += " <" + quoted(scratch_ / "in") + " >" + quoted(scratch_ / "out");
-    const int raw = std::system((command + " 2>" + quoted(scratch_ / "err")).c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(scratch_ / "out"),
-            slurp(scratch_ / "err")};
-  }
-
-  static inline fs::path scratch_;
-};
+// Runs the tool built beside the tests (<build>/tools/qbvisa) in `scratch`
+// with `input` on standard input, on the built-in bench or on the one
+// `benchJson` describes; its exit status, standard output, standard error.
+// Arguments and paths here hold no single quote.
+std::vector<std::string> tool(const fs::path &scratch, const std::vector<std::string> &args,
+                              const std::string &input, const std::string &benchJson) {
+  const auto quoted = [](const std::string &word) { return "'" + word + "'"; };
+  std::ofstream(scratch / "in") << input;
+  std::ofstream(scratch / "bench.json") << benchJson;
+  std::string command = "env -u QBSIM_BENCH -u COLUMNS ";
+  if (!benchJson.empty()) command += "QBSIM_BENCH=" + quoted(scratch / "bench.json") + " ";
+  command += quoted(fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/qbvisa");
+  for (const auto &arg : args) command += " " + quoted(arg);
+  command += " <" + quoted(scratch / "in") + " >" + quoted(scratch / "out");
+  const int raw = std::system((command + " 2>" + quoted(scratch / "err")).c_str());
+  return {std::to_string(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1), slurp(scratch / "out"), slurp(scratch / "err")};
+}
 
 // Sub-matrices 1, 3 and 5 fitted: the matrix's sub-matrices 1..3 are served
 // by boards 0, 2 and 4, sub-matrices 4 and 5 are missing.
@@ -69,7 +50,9 @@ const std::string kPartlyFitted = R"({"version": 1, "resources": [{"name": "GPIB
 // Each "$ qbvisa 'ARG'..." line of the transcript is run, with the "< " lines
 // below it as standard input; "(usage)" keeps only the exit status of a wrong
 // usage. "## " lines say why a case is there.
-TEST_F(ToolTest, OutputMatchesTheReviewedTranscript) {
+TEST(ToolTest, OutputMatchesTheReviewedTranscript) {
+  char pattern[] = "/tmp/qbvisa_tool_test.XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
   const std::string golden = slurp(QBVISA_TEST_DATA "/tool_transcript.txt");
   std::vector<std::string> lines;
   std::istringstream in(golden);
@@ -89,13 +72,14 @@ TEST_F(ToolTest, OutputMatchesTheReviewedTranscript) {
     }
     while (n < lines.size() && lines[n].rfind("$ qbvisa", 0) != 0 && lines[n].rfind("## ", 0) != 0) ++n;
     const bool partly = call.find("(partly fitted bench)") != std::string::npos;
-    const ToolRun done = tool(args, input, partly ? kPartlyFitted : "");
-    transcript << "exit " << done.status << "\n";
+    const auto done = tool(pattern, args, input, partly ? kPartlyFitted : "");
+    transcript << "exit " << done[0] << "\n";
     if (call.find("(usage)") != std::string::npos) continue;
-    transcript << done.out;
-    std::istringstream err(done.err);
+    transcript << done[1];
+    std::istringstream err(done[2]);
     for (std::string line; std::getline(err, line);) transcript << "! " << line << "\n";
   }
+  fs::remove_all(pattern);
   if (transcript.str() == golden) return;
   std::ofstream("tool_transcript.actual.txt") << transcript.str();
   std::istringstream a(transcript.str()), g(golden);
