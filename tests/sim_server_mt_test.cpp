@@ -1,7 +1,8 @@
-// Threads of one process share one connection to the rack server: each
-// session must still read the reply to its own request, and the relay hook
-// may run beside them.
+// Threads of one process share one connection to the rack server, and a
+// second process has its own: each session must still read the reply to its
+// own request, and the relay hook may run beside them.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,10 +32,15 @@ TEST(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
   ASSERT_EQ(std::system(("'" + sim + "' serve --no-lan --background --socket '" + socket + "'").c_str()),
             0);
 
+  // The child, forked before any thread, runs the same work beside them.
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
   ViSession manager = 0;
   ASSERT_EQ(viOpenDefaultRM(&manager), VI_SUCCESS);
-  // Even threads ask the RK420 for its identification text, odd ones the
-  // RK421 for its identity record (serial 20421001 = 0x0137_9989).
+  // Even threads use the RK420, odd ones the RK421. In this process the
+  // even ones ask for the identification text, the odd ones for the identity
+  // record (serials 2042x001 = 0x0137_xxxx); the child asks the other way
+  // round, so both processes ask each chassis for different replies.
   const char *resources[] = {"GPIB0::5::INSTR", "USB0::0x1A2B::0x0421::RK421001::INSTR"};
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
@@ -45,15 +51,16 @@ TEST(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
         ++wrong;
         return;
       }
-      const std::string request = k % 2 == 0 ? "*IDN?\n" : std::string("\x08\x00\x00\x00", 4);
+      const bool text = (k + (child == 0)) % 2 == 0;
+      const std::string request = text ? "*IDN?\n" : std::string("\x08\x00\x00\x00", 4);
       for (int i = 0; i < 200; ++i) {
         ViByte reply[400];
         ViUInt32 count = 0;
         viWrite(vi, reinterpret_cast<const ViByte *>(request.data()),
                 static_cast<ViUInt32>(request.size()), &count);
         const bool read = viRead(vi, reply, sizeof reply, &count) == VI_SUCCESS;
-        const bool own = k % 2 == 0 ? std::memcmp(reply, "QB ,RK420", 9) == 0
-                                    : reply[0] == 0x01 && reply[2] == 0x37;
+        const bool own = text ? std::memcmp(reply, k % 2 == 0 ? "QB ,RK420" : "QB ,RK421", 9) == 0
+                              : reply[0] == 0x01 && reply[2] == 0x37;
         if (!read || !own) ++wrong;
         if (k == 3) qbsim_closed_relays(resources[0], nullptr, 0);
       }
@@ -61,6 +68,10 @@ TEST(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
     });
   }
   for (auto &t : threads) t.join();
+  if (child == 0) _exit(wrong.load() == 0 ? 0 : 1);
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process: " << status;
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(viClose(manager), VI_SUCCESS);
   EXPECT_EQ(std::system(("'" + sim + "' stop --socket '" + socket + "'").c_str()), 0);

@@ -29,17 +29,13 @@ def panel(qbvisa_bench):
 
 def request(panel, method, path, body=None, token=True, headers=()):
     connection = http.client.HTTPConnection(panel.host, panel.port, timeout=10)
-    sent = {"Content-Type": "application/json"}
-    if token:
-        sent["X-Panel-Token"] = panel.token
-    sent.update(headers)
+    sent = {"Content-Type": "application/json", **({"X-Panel-Token": panel.token} if token else {}), **dict(headers)}
     data = body if isinstance(body, (bytes, type(None))) else json.dumps(body).encode()
     connection.request(method, path, body=data, headers=sent)
     reply = connection.getresponse()
     raw = reply.read()
     connection.close()
-    kind = reply.getheader("Content-Type", "")
-    return reply.status, json.loads(raw) if kind == "application/json" else raw
+    return reply.status, json.loads(raw) if reply.getheader("Content-Type") == "application/json" else raw
 
 
 def test_relays_read_back_map_to_the_crosspoints_switched_and_are_counted(qbvisa_bench):
@@ -83,6 +79,10 @@ def test_routes_switch_and_refuse(panel):
         ({"chassis": 0, "close": "1!1"}, False, {}, 403),
         ({"chassis": 0, "close": "1!1"}, True, {"Origin": "http://elsewhere"}, 403),
         ({"chassis": 0, "close": "1!1"}, True, {"Host": "evil.example"}, 403),
+        ({"chassis": 0, "close": "1!1"}, True, {"X-Panel-Token": "wrong"}, 403),
+        ({"chassis": 0, "close": "1!1"}, True, {"Sec-Fetch-Site": "cross-site"}, 403),
+        ({"chassis": 0, "close": "0!1"}, True, {}, 400),
+        ({"chassis": 0, "close": "9!99"}, True, {}, 409),
         ({"chassis": 0, "close": "1!1"}, True, {"Content-Type": "text/plain"}, 415),
         (b"{", True, {}, 400),
         ([1, 2], True, {}, 400),

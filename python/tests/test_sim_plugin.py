@@ -41,8 +41,7 @@ def test_refreshed_discovery_makes_earlier_objects_stale(qbvisa_matrix):
     qbvisa.find()  # the kept result: sessions stay valid
     qbvisa_matrix.close("1!1")
     qbvisa.find(refresh=True)
-    with pytest.raises(qbvisa.ChassisNotFoundError):
-        qbvisa_matrix.close("1!2")
+    pytest.raises(qbvisa.ChassisNotFoundError, qbvisa_matrix.close, "1!2")
     assert qbvisa.connect(qbvisa_matrix.chassis.resource).open(0).closed == frozenset()
 
 

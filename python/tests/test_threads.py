@@ -23,10 +23,8 @@ def test_threads_share_one_matrix(qbvisa_matrix):
     threads = [threading.Thread(target=worker, args=(row,)) for row in range(1, 7)]
     # Discovery and reconnection run alongside the switching threads.
     finder = threading.Thread(target=lambda: [(qbvisa.find(), qbvisa.connect(m.chassis.resource)) for _ in range(5)])
-    for t in threads + [finder]:
-        t.start()
-    for t in threads + [finder]:
-        t.join()
+    [t.start() for t in threads + [finder]]
+    [t.join() for t in threads + [finder]]
     assert errors == []
     wanted = {(r, c) for r in range(1, 7) for c in range(1, 51, 2)}
     assert m.closed == wanted
@@ -54,10 +52,9 @@ def test_exclusive_waits_for_shared_holders():
             with lock.shared():  # the writer may call shared code
                 order.append("writer")
 
-    r = threading.Thread(target=reader)
+    r, w = threading.Thread(target=reader), threading.Thread(target=writer)
     r.start()
     inside.wait(5)
-    w = threading.Thread(target=writer)
     w.start()
     w.join(0.2)
     assert order == []

@@ -12,17 +12,11 @@
 #include "qbvisa.h"
 
 namespace {
-
 void require(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "bench fuzz: %s\n", what);
-    std::abort();
-  }
+  if (!ok) std::fprintf(stderr, "bench fuzz: %s\n", what), std::abort();
 }
-
 // Benches larger than this take long to discover and add nothing new.
 constexpr size_t kMostResourcesDiscovered = 8;
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) { return 0; }
