@@ -8,13 +8,12 @@
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <optional>
 #include <string>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "bench.hpp"
+#include "golden.hpp"
 #include "qbsim.hpp"
 #include "qbvisa.h"
 #include "qbvisa_lowlevel.h"
@@ -29,7 +28,6 @@ constexpr const char *kRemote421 = "GPIB0::5::INSTR";
 constexpr const char *kLocal421 = "GPIB0::6::INSTR";
 constexpr const char *kRK420 = "GPIB0::7::INSTR";
 constexpr const char *kOperated = "Relays Operate Success";
-constexpr const char *kBadRelays = "Invalid Relays Opearation Parameter";
 
 std::string messageOf(int32_t code) {
   char text[256] = {};
@@ -78,7 +76,7 @@ class ScpiBench : public ::testing::Test {
   uint32_t remote421 = 0, local421 = 0, rk420 = 0;
 };
 
-// Rows of tests/data/scpi_replies.tsv: chassis, fault, line, reply. The row
+// Rows of tests/data/scpi_replies.tsv: chassis, fault, line, reply. Each row
 // is rendered again from what the query and the write answer.
 TEST_F(ScpiBench, RepliesOfQueriesRefusalsAndTransportFailures) {
   using qbsim::Fault;
@@ -87,104 +85,78 @@ TEST_F(ScpiBench, RepliesOfQueriesRefusalsAndTransportFailures) {
   const std::map<std::string, Fault> faults = {
       {"WriteFails", Fault::WriteFails}, {"ReadFails", Fault::ReadFails}, {"FailureReply", Fault::FailureReply}};
   std::ifstream table(QBVISA_TEST_DATA "/scpi_replies.tsv");
-  int rows = 0;
-  for (std::string row; std::getline(table, row);) {
+  ASSERT_TRUE(table.good());
+  std::string rendered;
+  for (std::string row; std::getline(table, row); rendered += row + "\n") {
     if (row.empty() || row[0] == '#') continue;
-    ++rows;
     std::istringstream fields(row);
     std::string chassis, fault, line;
     std::getline(fields, chassis, '\t'), std::getline(fields, fault, '\t'), std::getline(fields, line, '\t');
-    const std::string input = chassis + "\t" + fault + "\t" + line + "\t";
     const uint32_t session = sessions.at(chassis);
     if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
-    EXPECT_EQ(input + query(session, line), row);
+    row = chassis + "\t" + fault + "\t" + line + "\t" + query(session, line);
     if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
     EXPECT_EQ(QBVISA_SCPIWrite(session, line.c_str()), 0);
-    EXPECT_EQ(input + Record(session)->scpiReply, row);
+    EXPECT_EQ(Record(session)->scpiReply, row.substr(row.rfind('\t') + 1)) << line;  // the write's reply too
   }
-  EXPECT_EQ(rows, 24);
+  qbgolden::expectGolden("scpi_replies.tsv", rendered);
   // Nothing above sent a setting.
   for (uint16_t command : Commands(kLocal421)) EXPECT_NE(command, 6);
   for (uint16_t command : Commands(kRemote421)) EXPECT_TRUE(command != 20 && command != 48);
 }
 
-TEST_F(ScpiBench, SettingsReachTheChassis) {
-  EXPECT_EQ(query(remote421, ":SYST:COMM:GPIB:RDEV:ADDR 12"),
-            "Set GPIB Address Success! Please Restart The Application");
-  EXPECT_EQ(query(remote421, ":SYSemT:COMMunication:LAN:IP:ADDRess 192.168.1.33"),
-            "Set IP Address Success! Please Restart The Application if Using Manual IP Mode!");
+// Settings, crosspoint lists and refused lists as queries: each line with its
+// reply, the commands sent and the words of the relay image that it touches,
+// compared whole with tests/data/scpi_transcript.txt.
+TEST_F(ScpiBench, Transcript) {
+  std::ostringstream out;
+  const auto step = [&out](uint32_t session, const char *name, const std::string &line) {
+    out << line << " -> " << query(session, line) << ";";
+    for (uint16_t command : Commands(name)) out << ' ' << command;
+    if (name == kRemote421)
+      for (int word : {0, 1, 200, 374, 375}) out << (word ? " " : "; words ") << std::hex << imageWord(session, word) << std::dec;
+    out << "; " << qbsim::closedRelays(name).size() << " closed\n";
+    qbsim::clearTraffic(name);
+  };
+  step(remote421, kRemote421, ":SYST:COMM:GPIB:RDEV:ADDR 12");
+  step(remote421, kRemote421, ":SYSemT:COMMunication:LAN:IP:ADDRess 192.168.1.33");
   // The chassis takes seconds over a LAN-mode change: the one slow step here.
-  EXPECT_EQ(query(remote421, ":SYST:COM:LAN:SET:MODE AUTO"),
-            "Set LAN Mode Success! Please Restart The Application");
+  step(remote421, kRemote421, ":SYST:COM:LAN:SET:MODE AUTO");
   const qbsim::ChassisConfig state = qbsim::chassisState(kRemote421);
-  EXPECT_EQ(std::make_tuple(state.gpibAddress, state.ip[3], state.lanMode),
-            std::make_tuple(12, 33, 1));
+  out << "gpib " << +state.gpibAddress << " ip " << +state.ip[3] << " lan mode " << +state.lanMode << '\n';
   // A control mode is only taken from remote control with the relays
   // cleared: mode read, set-remote (already remote: nothing sent), clear, set.
-  qbsim::clearTraffic(kRemote421);
-  EXPECT_EQ(query(remote421, ":SYST:CTRL:SET: LOCAL"), "Set Control Mode Success");
-  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{5, 5, 19, 5, 6}));
-  qbsim::clearTraffic(kRemote421);
-  EXPECT_EQ(query(remote421, ":SYSTem:ConTRoL:SET: REMOTE"), "Set Control Mode Success");
-  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{5, 5, 6, 19, 5}));
-  EXPECT_EQ(qbsim::chassisState(kRemote421).controlMode, 1);
-}
+  step(remote421, kRemote421, ":SYST:CTRL:SET: LOCAL");
+  step(remote421, kRemote421, ":SYSTem:ConTRoL:SET: REMOTE");
+  out << "control mode " << +qbsim::chassisState(kRemote421).controlMode << '\n';
 
-TEST_F(ScpiBench, CrosspointsFollowTheFortyEightColumnLayout) {
-  EXPECT_EQ(query(remote421, ":CLOSe (@1(1!1))"), kOperated);
-  EXPECT_EQ(imageWord(remote421, 0), 1u);
-  EXPECT_EQ(query(remote421, ":CLOS (@1(1!49,250!48))"), kOperated);
-  EXPECT_EQ(imageWord(remote421, 0), 1u);  // a close adds to what is closed
-  EXPECT_EQ(imageWord(remote421, 1), 1u << 16);  // index 49: column 49 is row 2's first
-  EXPECT_EQ(imageWord(remote421, 374), 1u << 31);
-  // Row 2, column 1 is the same point as row 1, column 49.
-  EXPECT_EQ(query(remote421, "[:ROUTe]:OPEN (@1(1!1,2!1,250!48))"), kOperated);
-  for (int word : {0, 1, 374}) EXPECT_EQ(imageWord(remote421, word), 0u) << word;
-  // Opening a point that is open leaves it open.
-  EXPECT_EQ(query(remote421, ":OPEN (@1(1!1))"), kOperated);
-  EXPECT_EQ(imageWord(remote421, 0), 0u);
-  EXPECT_TRUE(qbsim::closedRelays(kRemote421).empty());
-  // Every switch was one relay-state frame.
-  EXPECT_EQ(Commands(kRemote421), (std::vector<uint16_t>{19, 19, 19, 19}));
+  // A close adds to what is closed; index 49: column 49 is row 2's first, so
+  // row 2, column 1 is the same point as row 1, column 49. Opening a point
+  // that is open leaves it open. Every switch is one relay-state frame.
+  for (const char *line : {":CLOSe (@1(1!1))", ":CLOS (@1(1!49,250!48))", "[:ROUTe]:OPEN (@1(1!1,2!1,250!48))",
+                           ":OPEN (@1(1!1))",
+                           // Closing every point of the image is more than any chassis may
+                           // close; the image keeps the attempt.
+                           ":CLOSe:ALL", ":OPEN:ALL",
+                           // The bracketed upper-case ":ALL" is an empty list: it switches the
+                           // image as it stands.
+                           ":CLOS (@1(1!2))", "[:ROUT]:OPEN:ALL", ":CLOSe (@1(3!3))"})
+    step(remote421, kRemote421, line);
 
-  // Closing every point of the image is more than any chassis may close; the
-  // image keeps the attempt.
-  EXPECT_EQ(query(remote421, ":CLOSe:ALL"), messageOf(QBVISA_ERR_CLOSURE_LIMIT));
-  for (int word : {0, 200, 374}) EXPECT_EQ(imageWord(remote421, word), ~0u);
-  EXPECT_EQ(imageWord(remote421, 375), 0u);
-  EXPECT_EQ(query(remote421, ":OPEN:ALL"), kOperated);
-  for (int word : {0, 200, 374}) EXPECT_EQ(imageWord(remote421, word), 0u);
-  // The bracketed upper-case ":ALL" is an empty list: it switches the image
-  // as it stands.
-  ASSERT_EQ(query(remote421, ":CLOS (@1(1!2))"), kOperated);
-  EXPECT_EQ(query(remote421, "[:ROUT]:OPEN:ALL"), kOperated);
-  EXPECT_EQ(imageWord(remote421, 0), 2u);
-}
-
-TEST_F(ScpiBench, RefusedListsSwitchNothing) {
-  ASSERT_EQ(query(remote421, ":CLOSe (@1(3!3))"), kOperated);
-  qbsim::clearTraffic(kRemote421);
+  // Refused lists switch nothing: only digits and "!:,()@" pass, and no
+  // point past the image.
   const uint8_t *image = Record(remote421)->slots[0].lastArray;
   const std::vector<uint8_t> before(image, image + QBVISA_LAST_ARRAY_SIZE);
-  const std::pair<const char *, const char *> cases[] = {
-      {":CLOSe (@1(1!1, 1!2))", kBadRelays},  // only digits and "!:,()@" pass
-      {":CLOSe (@1(251!1))", kBadRelays},  // past the image
-      {":CLOSe (@1(1!1,2147483647!1))", kBadRelays},
-      {":OPEN (@1(3!3,1!1:300!1))", kBadRelays},
-      {":CLOSe (@1(1!1,0!1))", "Error: Invalid crosspoint format"},
-  };
-  for (const auto &[line, reply] : cases) EXPECT_EQ(query(remote421, line), reply) << line;
+  for (const char *line : {":CLOSe (@1(1!1, 1!2))", ":CLOSe (@1(251!1))", ":CLOSe (@1(1!1,2147483647!1))",
+                           ":OPEN (@1(3!3,1!1:300!1))", ":CLOSe (@1(1!1,0!1))"})
+    step(remote421, kRemote421, line);
   EXPECT_TRUE(std::equal(before.begin(), before.end(), image));
-  EXPECT_TRUE(qbsim::writes(kRemote421).empty());
   // The subunit selects the slot: the RK420 has no card in slot 1 and refuses
-  // subunit 1 as the switching call does.
+  // subunit 1 as the switching call does; subunit 0 is every relay at once.
   uint32_t words[QBVISA_LAST_ARRAY_SIZE / 4] = {1};
-  EXPECT_EQ(query(rk420, ":CLOSe (@1(1!1))"),
-            messageOf(QBVISA_OpMatrix(rk420, 1, words, QBVISA_LAST_ARRAY_SIZE / 4)));
-  EXPECT_TRUE(qbsim::closedRelays(kRK420).empty());
-  EXPECT_EQ(query(rk420, ":CLOSe (@0(1!1))"), kOperated);
-  EXPECT_FALSE(qbsim::closedRelays(kRK420).empty());
-  EXPECT_EQ(query(rk420, ":OPEN:ALL"), kOperated);  // every relay at once: subunit 0
+  out << "OpMatrix slot 1: " << messageOf(QBVISA_OpMatrix(rk420, 1, words, QBVISA_LAST_ARRAY_SIZE / 4)) << '\n';
+  for (const char *line : {":CLOSe (@1(1!1))", ":CLOSe (@0(1!1))", ":OPEN:ALL"}) step(rk420, kRK420, line);
+  qbgolden::expectGolden("scpi_transcript.txt", out.str());
 }
 
 TEST_F(ScpiBench, IdentificationAndResetUseRawBytes) {

@@ -10,10 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <string>
-#include <utility>
 #include <vector>
 
+#include "golden.hpp"
 #include "qbvisa_lowlevel.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -36,33 +35,29 @@ struct Parsed {
   std::string message;
 };
 
-// Rows of a reviewed table under tests/data: the input up to the first tab,
-// then what it must yield. Each test renders its own row from the input and
-// compares whole rows, so a wrong field shows with its input.
-std::vector<std::string> tableRows(const char *file) {
+// A reviewed table under tests/data rendered again: comments stay, each row
+// is rendered from its input (up to the first tab) and the whole compared, so
+// a wrong field shows with its input.
+template <typename Render>
+void expectTable(const char *file, Render render) {
   std::ifstream in(std::string(QBVISA_TEST_DATA "/") + file);
   EXPECT_TRUE(in.good()) << file;
-  std::vector<std::string> rows;
+  std::string rendered;
   for (std::string row; std::getline(in, row);)
-    if (!row.empty() && row[0] != '#') rows.push_back(row);
-  return rows;
+    rendered += (row.empty() || row[0] == '#' ? row : render(row.substr(0, row.find('\t')))) + "\n";
+  qbgolden::expectGolden(file, rendered);
 }
 
-std::string inputOf(const std::string &row) { return row.substr(0, row.find('\t')); }
-
 TEST(LineMatching, TableEntriesYieldTheirIdAndArgument) {
-  const auto rows = tableRows("scpi_lines.tsv");
-  EXPECT_EQ(rows.size(), 37u);
-  for (const std::string &row : rows) {
-    const std::string line = inputOf(row);
+  expectTable("scpi_lines.tsv", [](const std::string &line) {
     char message[64] = "untouched";
     char argument[QBVISA_SCPI_ARGUMENT_SIZE];
     std::memset(argument, '#', sizeof argument);
     uint32_t id = 99;
     scpi_parser(0, line.c_str(), message, argument, &id);
     EXPECT_STREQ(message, id == 22 ? "Unknown Command" : "untouched") << line;
-    EXPECT_EQ(line + "\t" + std::to_string(id) + "\t" + (argument[0] == '#' ? "~" : argument), row);
-  }
+    return line + "\t" + std::to_string(id) + "\t" + (argument[0] == '#' ? "~" : argument);
+  });
 }
 
 TEST(LineMatching, OverlongArgumentIsCutToTheBuffer) {
@@ -90,17 +85,15 @@ Parsed parse(const std::string &text) {
 }
 
 TEST(ListParsing, YieldsPointsSubunitAndMessage) {
-  const auto rows = tableRows("crosspoint_lists.tsv");
-  EXPECT_EQ(rows.size(), 24u);
-  for (const std::string &row : rows) {
-    const Parsed parsed = parse(inputOf(row));
-    std::string rendered = inputOf(row) + "\t" + std::to_string(parsed.subunit) + "\t";
+  expectTable("crosspoint_lists.tsv", [](const std::string &input) {
+    const Parsed parsed = parse(input);
+    std::string rendered = input + "\t" + std::to_string(parsed.subunit) + "\t";
     for (const auto &[r, c] : parsed.points)
       rendered += (&r == &parsed.points.front().first ? "" : " ") + std::to_string(r) + "!" + std::to_string(c);
     rendered += "\t";
     for (char ch : parsed.message) rendered += ch == '\n' ? std::string("\\n") : std::string(1, ch);
-    EXPECT_EQ(rendered, row);
-  }
+    return rendered;
+  });
 }
 
 // One item on its own: 0 and its points added, or -1 and nothing added.

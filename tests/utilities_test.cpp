@@ -1,48 +1,20 @@
-// The small shared helpers, each held to its exact behaviour.
+// The small shared helpers, each held to its exact behaviour; the table-like
+// ones render what they answered, compared whole with
+// tests/data/utilities_transcript.txt.
 #include <gtest/gtest.h>
 
 #include <time.h>
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
-#include <initializer_list>
-#include <string>
+#include <sstream>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
+#include "golden.hpp"
 #include "qbvisa_lowlevel.h"
 
 namespace {
-
-using Texts = std::initializer_list<const char *>;
-
-// Callers size their point arrays from these exported geometry values.
-TEST(UtilitiesTest, ExportedGeometryValues) {
-  EXPECT_EQ(std::vector<int32_t>({MATRIXPOINTCOUNT, GX3_SUBMATRIXCOL, GX4_SUBMATRIXCOL, GX4_MATRIXPOINTCOUNT,
-                                  GX4C_SUBMATRIXCOL, GX4C_MATRIXPOINTCOUNT, GX4Mix_SUBMATRIXCOL,
-                                  GX4Mix_MATRIXPOINTCOUNT}),
-            std::vector<int32_t>({600, 7, 7, 800, 7, 800, 7, 800}));
-}
-
-TEST(UtilitiesTest, RotateRightMovesTheLastByteOfTheRangeToItsFront) {
-  const struct {
-    int32_t first, end, times;
-    const char *expected;
-    int32_t result;
-  } cases[] = {
-      {1, 5, 2, "ADEBCF", 2}, {0, 6, 7, "FABCDE", 7}, {0, 6, -2, "ABCDEF", 0},
-      {2, 3, 4, "ABCDEF", 4}, {4, 2, 1, "ABCDEF", 1},
-  };
-  for (const auto &c : cases) {
-    uint8_t bytes[] = {'A', 'B', 'C', 'D', 'E', 'F'};
-    EXPECT_EQ(rotateRight(bytes, c.first, c.end, c.times), c.result);
-    EXPECT_EQ(std::string(bytes, bytes + 6), c.expected)
-        << c.first << ".." << c.end << " x" << c.times;
-  }
-}
 
 // Two-level arrays: zeroed values, rows packed one after another, and a free
 // that releases the row pointers only (ASan reports a double free or a leak
@@ -85,75 +57,53 @@ TEST(UtilitiesTest, ArraysAreLaidOutFilledCountedAndFreed) {
     EXPECT_EQ(alloc3int(0, a, b, c, 1), nullptr) << a << b << c;
 }
 
-TEST(UtilitiesTest, Dec2BinWritesBitsLeastSignificantFirstIntoOneArray) {
-  const int32_t *bits = dec_2bin(INT32_MIN + 5);
-  std::vector<int32_t> expected(32, 0);
-  expected[0] = expected[2] = expected[31] = 1;
-  EXPECT_EQ(std::vector<int32_t>(bits, bits + 32), expected);
-  EXPECT_EQ(dec_2bin(0x40000000), bits);  // one shared array, overwritten
-  EXPECT_TRUE(bits[30] == 1 && bits[31] == 0 && bits[0] == 0);
-}
-
-TEST(UtilitiesTest, TextHelpersCutFoldAndSum) {
-  char text[] = "abcdef";
-  EXPECT_EQ(mystrncpy(text, 99), text);
-  EXPECT_STREQ(mystrncpy(text, 3), "abc");
-  EXPECT_EQ(mystrncpy(nullptr, 3), nullptr);
-
-  const struct {
-    const char *text;
-    uint32_t value;
-  } dotted[] = {
-      {"255.255.255.255", 0xFFFFFFFFu}, {"", 0},
-      {"1..2", 258},  // empty parts skipped
-      // Only the first 15 characters are read: "10.20.30.40.506".
-      {"10.20.30.40.50607080",
-       (((10u * 256 + 20) * 256 + 30) * 256 + 40) * 256 + 506},
-  };
-  for (const auto &c : dotted) EXPECT_EQ(toInt(c.text), c.value) << c.text;
-  EXPECT_EQ(toInt(nullptr), 0u);
-
-  const std::vector<uint8_t> bytes(70000, 0xFF);
-  EXPECT_EQ(checkSum(bytes.data(), 70000), 70000u * 255u);
-  EXPECT_EQ(checkSum(nullptr, 5), 0u);
-
-  for (const char *digits : Texts{"", "0", "12345678"})
-    EXPECT_TRUE(isdigitstr(digits)) << digits;
-  for (const char *other : Texts{"12a", " 1", "-1", "1.5", "+1", nullptr})
-    EXPECT_FALSE(isdigitstr(other)) << (other ? other : "null");
-}
-
-TEST(UtilitiesTest, ValidIPAddressAcceptsOnlyTheChassisNetwork) {
-  for (const char *valid : Texts{"192.168.1.0", "192.168.1.199",
-                                 "192.168.1.201", "192.168.1.254"})
-    EXPECT_TRUE(validIPAddress(valid)) << valid;
-  for (const char *invalid :
-       Texts{"192.168.1.200", "192.168.1.255", "192.168.1.256", "192.168.1.01",
-             "192.168.01.1", "192.168.1.00", "0192.168.1.1", "192.168.1.1000",
-             "192.168.2.5", "192.168.1", "192.168.1.", "192.168.1.1.1",
-             "192.168.1.-1", "192.168.1.1 ", "", nullptr})
-    EXPECT_FALSE(validIPAddress(invalid)) << (invalid ? invalid : "null");
-}
-
-// Bytes are given as digits, byte 0 first. A byte above 1 spills into the
-// next bit, and one shifted out of the word still counts.
-TEST(UtilitiesTest, ArrayToU16PacksByteIIntoBitI) {
-  const struct {
-    const char *bytes;
-    uint16_t word;
-    int32_t ones;
-  } cases[] = {
-      {"1000000000000001", 0x8001, 2}, {"0002000000000000", 0x0010, 1},
-      {"0000000000000002", 0x0000, 1},
-  };
-  for (const auto &c : cases) {
-    uint8_t bytes[16];
-    for (int i = 0; i < 16; ++i)
-      bytes[i] = static_cast<uint8_t>(c.bytes[i] - '0');
-    int32_t ones = -1;
-    EXPECT_EQ(ArrayToU16(bytes, &ones), c.word) << c.bytes;
-    EXPECT_EQ(ones, c.ones) << c.bytes;
+TEST(UtilitiesTest, Transcript) {
+  std::ostringstream out;
+  // Callers size their point arrays from these exported geometry values.
+  out << "geometry:";
+  for (int32_t v : {MATRIXPOINTCOUNT, GX3_SUBMATRIXCOL, GX4_SUBMATRIXCOL, GX4_MATRIXPOINTCOUNT, GX4C_SUBMATRIXCOL,
+                    GX4C_MATRIXPOINTCOUNT, GX4Mix_SUBMATRIXCOL, GX4Mix_MATRIXPOINTCOUNT})
+    out << ' ' << v;
+  // The last byte of the range moves to its front, `times` times.
+  for (const auto &[first, end, times] : {std::tuple{1, 5, 2}, {0, 6, 7}, {0, 6, -2}, {2, 3, 4}, {4, 2, 1}}) {
+    uint8_t bytes[] = {'A', 'B', 'C', 'D', 'E', 'F'};
+    out << "\nrotateRight " << first << ' ' << end << ' ' << times << ": " << rotateRight(bytes, first, end, times)
+        << ' ' << std::string(bytes, bytes + 6);
   }
+  // Bits least significant first into one shared array, overwritten.
+  for (const int32_t value : {INT32_MIN + 5, 0x40000000}) {
+    const int32_t *bits = dec_2bin(value);
+    out << "\ndec_2bin " << value << ": ";
+    for (int i = 0; i < 32; ++i) out << bits[i];
+    out << (bits == dec_2bin(0) ? " shared" : " separate");
+  }
+  char text[] = "abcdef";
+  out << "\nmystrncpy: " << (mystrncpy(text, 99) == text) << ' ' << mystrncpy(text, 3) << ' '
+      << (mystrncpy(nullptr, 3) == nullptr);
+  // Empty parts are skipped; only the first 15 characters are read.
+  for (const char *dotted : {"255.255.255.255", "", "1..2", "10.20.30.40.50607080", (const char *)nullptr})
+    out << "\ntoInt " << (dotted ? dotted : "null") << ": " << toInt(dotted);
+  const std::vector<uint8_t> bytes(70000, 0xFF);
+  out << "\ncheckSum: " << checkSum(bytes.data(), 70000) << ' ' << checkSum(nullptr, 5);
+  for (const char *digits : {"", "0", "12345678", "12a", " 1", "-1", "1.5", "+1", (const char *)nullptr})
+    out << "\nisdigitstr " << (digits ? digits : "null") << ": " << isdigitstr(digits);
+  // Only the chassis network, without the controller's own address.
+  for (const char *ip : {"192.168.1.0", "192.168.1.199", "192.168.1.201", "192.168.1.254", "192.168.1.200",
+                         "192.168.1.255", "192.168.1.256", "192.168.1.01", "192.168.01.1", "192.168.1.00",
+                         "0192.168.1.1", "192.168.1.1000", "192.168.2.5", "192.168.1", "192.168.1.",
+                         "192.168.1.1.1", "192.168.1.-1", "192.168.1.1 ", "", (const char *)nullptr})
+    out << "\nvalidIPAddress " << (ip ? ip : "null") << ": " << validIPAddress(ip);
+  // Byte i into bit i, byte 0 first: a byte above 1 spills into the next
+  // bit, and one shifted out of the word still counts.
+  for (const char *digits : {"1000000000000001", "0002000000000000", "0000000000000002"}) {
+    uint8_t flags[16];
+    for (int i = 0; i < 16; ++i) flags[i] = static_cast<uint8_t>(digits[i] - '0');
+    int32_t ones = -1;
+    out << "\nArrayToU16 " << digits << ": " << ArrayToU16(flags, &ones);
+    out << ' ' << ones;
+  }
+  out << '\n';
+  qbgolden::expectGolden("utilities_transcript.txt", out.str());
 }
 
 // SLEEP waits whole seconds only, measured on the monotonic clock.
