@@ -8,15 +8,9 @@
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "bench.hpp"
 #include "golden.hpp"
-#include "qbsim.hpp"
-#include "qbvisa.h"
-#include "qbvisa_lowlevel.h"
 
 namespace {
 
