@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "golden.hpp"
@@ -96,27 +97,21 @@ TEST(ListParsing, YieldsPointsSubunitAndMessage) {
   });
 }
 
-// One item on its own: 0 and its points added, or -1 and nothing added.
-TEST(ListParsing, EachItemReportsItsOwnOutcome) {
-  const std::pair<const char *, int> items[] = {
-      {"2!3", 1},     {"2!3:1!2", 4},  {"11", -1},      {"a!1", -1},           {"0!1", -1},
-      {"1!1:2", -1},  {"1!1:x!2", -1}, {"1!1:0!1", -1}, {"1!1:1000!1001", -1},
-  };
-  for (const auto &[item, added] : items) {
+// One item on its own (0 and its points added, or -1 and nothing added), and
+// whether parentheses balance, compared whole with tests/data/crosspoint_items.txt.
+TEST(ListParsing, ItemsAndParentheses) {
+  std::ostringstream out;
+  for (const char *item : {"2!3", "2!3:1!2", "11", "a!1", "0!1", "1!1:2", "1!1:x!2", "1!1:0!1", "1!1:1000!1001"}) {
     SCPIResult result{};
     char message[256] = {};
-    EXPECT_EQ(parseCrosspoints(&result, item, message), added < 0 ? -1 : 0) << item;
-    EXPECT_EQ(result.count, std::max(added, 0)) << item;
+    out << "item " << item << ": " << parseCrosspoints(&result, item, message);
+    out << " count " << result.count << '\n';
     freeSCPIResult(&result);
   }
-  EXPECT_EQ(parseCrosspoints(nullptr, "1!1", nullptr), -1);
-}
-
-TEST(ListParsing, ParenthesesBalance) {
-  const std::pair<const char *, int> cases[] = {
-      {"(@1(1!1))", 1}, {"", 1}, {nullptr, 1}, {"(()", 0}, {")(", 0}, {"())(", 0}};
-  for (const auto &[text, balanced] : cases)
-    EXPECT_EQ(areParenthesesBalanced(text), balanced) << (text ? text : "null");
+  out << "item without a result: " << parseCrosspoints(nullptr, "1!1", nullptr) << '\n';
+  for (const char *text : {"(@1(1!1))", "", (const char *)nullptr, "(()", ")(", "())("})
+    out << "balanced " << (text ? text : "null") << ": " << areParenthesesBalanced(text) << '\n';
+  qbgolden::expectGolden("crosspoint_items.txt", out.str());
 }
 
 TEST(ListParsing, BoundsOfTheSliceAndOfTheRectangle) {
