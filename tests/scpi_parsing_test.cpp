@@ -1,9 +1,11 @@
-// Text-command parsing: which command id and argument a line yields, and
-// crosspoint lists (points, subunit and error text for the telling inputs,
-// and the bounds that keep hostile lists harmless).
+// Text-command parsing (which command id and argument a line yields, and
+// crosspoint lists: points, subunit and error text for the telling inputs, and
+// the bounds that keep hostile lists harmless) and the small shared helpers,
+// each held to its exact behaviour.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -11,6 +13,8 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "golden.hpp"
@@ -156,5 +160,114 @@ TEST(ListParsing, ExhaustedMemoryIsReportedNotFatal) {
   EXPECT_EXIT(parseUnderMemoryLimit(), ::testing::ExitedWithCode(0), "");
 }
 #endif
+
+// Two-level arrays: zeroed values, rows packed one after another, and a free
+// that releases the row pointers only (ASan reports a double free or a leak
+// otherwise). Only values of exactly 1 are counted.
+template <typename T, typename Alloc, typename Free>
+void checkRows(Alloc alloc, Free release) {
+  T **array = alloc(0, 3, 5);
+  ASSERT_NE(array, nullptr);
+  for (int r = 0; r < 3; ++r) EXPECT_EQ(array[r], array[0] + r * 5) << r;
+  for (int v = 0; v < 15; ++v) EXPECT_EQ(array[0][v], 0) << v;
+  if constexpr (std::is_same_v<T, int32_t>) {
+    array[0][0] = array[2][4] = 1;
+    array[1][1] = 2;
+    array[1][2] = -1;
+    EXPECT_EQ(countOnes2D(array, 3, 5), 2);
+    EXPECT_EQ(countOnes2D(array, 2, 5), 1);
+  }
+  T *values = array[0];
+  release(array);
+  std::free(values);
+  EXPECT_EQ(alloc(0, 0, 5), nullptr);
+  EXPECT_EQ(alloc(0, 3, -1), nullptr);
+}
+
+TEST(UtilitiesTest, ArraysAreLaidOutFilledCountedAndFreed) {
+  checkRows<int32_t>(alloc2int, free2int);
+  checkRows<uint16_t>(alloc2ViUInt16, free2ViUInt16);
+  EXPECT_EQ(countOnes2D(nullptr, 2, 3), 0);
+
+  int32_t ***cube = alloc3int(0, 2, 3, 4, 1);
+  ASSERT_NE(cube, nullptr);
+  EXPECT_EQ(countOnes(cube, 2, 3, 4), 24);
+  cube[0][0][0] = 0;
+  cube[1][2][3] = -1;
+  cube[1][0][1] = 11;
+  EXPECT_EQ(countOnes3D(cube, 2, 3, 4), 21);
+  EXPECT_EQ(countOnes(cube, 1, 3, 4), 11);
+  free3int(cube);
+  for (auto [a, b, c] : {std::tuple{0, 3, 4}, {2, 0, 4}, {2, 3, 0}})
+    EXPECT_EQ(alloc3int(0, a, b, c, 1), nullptr) << a << b << c;
+}
+
+// The table-like helpers render what they answered, compared whole with
+// tests/data/utilities_transcript.txt.
+TEST(UtilitiesTest, Transcript) {
+  std::ostringstream out;
+  // Callers size their point arrays from these exported geometry values.
+  out << "geometry:";
+  for (int32_t v : {MATRIXPOINTCOUNT, GX3_SUBMATRIXCOL, GX4_SUBMATRIXCOL, GX4_MATRIXPOINTCOUNT, GX4C_SUBMATRIXCOL,
+                    GX4C_MATRIXPOINTCOUNT, GX4Mix_SUBMATRIXCOL, GX4Mix_MATRIXPOINTCOUNT})
+    out << ' ' << v;
+  // The last byte of the range moves to its front, `times` times.
+  for (const auto &[first, end, times] : {std::tuple{1, 5, 2}, {0, 6, 7}, {0, 6, -2}, {2, 3, 4}, {4, 2, 1}}) {
+    uint8_t bytes[] = {'A', 'B', 'C', 'D', 'E', 'F'};
+    out << "\nrotateRight " << first << ' ' << end << ' ' << times << ": " << rotateRight(bytes, first, end, times)
+        << ' ' << std::string(bytes, bytes + 6);
+  }
+  // Bits least significant first into one shared array, overwritten.
+  for (const int32_t value : {INT32_MIN + 5, 0x40000000}) {
+    const int32_t *bits = dec_2bin(value);
+    out << "\ndec_2bin " << value << ": ";
+    for (int i = 0; i < 32; ++i) out << bits[i];
+    out << (bits == dec_2bin(0) ? " shared" : " separate");
+  }
+  char text[] = "abcdef";
+  out << "\nmystrncpy: " << (mystrncpy(text, 99) == text) << ' ' << mystrncpy(text, 3) << ' '
+      << (mystrncpy(nullptr, 3) == nullptr);
+  // Empty parts are skipped; only the first 15 characters are read.
+  for (const char *dotted : {"255.255.255.255", "", "1..2", "10.20.30.40.50607080", (const char *)nullptr})
+    out << "\ntoInt " << (dotted ? dotted : "null") << ": " << toInt(dotted);
+  const std::vector<uint8_t> bytes(70000, 0xFF);
+  out << "\ncheckSum: " << checkSum(bytes.data(), 70000) << ' ' << checkSum(nullptr, 5);
+  for (const char *digits : {"", "0", "12345678", "12a", " 1", "-1", "1.5", "+1", (const char *)nullptr})
+    out << "\nisdigitstr " << (digits ? digits : "null") << ": " << isdigitstr(digits);
+  // Only the chassis network, without the controller's own address.
+  for (const char *ip : {"192.168.1.0", "192.168.1.199", "192.168.1.201", "192.168.1.254", "192.168.1.200",
+                         "192.168.1.255", "192.168.1.256", "192.168.1.01", "192.168.01.1", "192.168.1.00",
+                         "0192.168.1.1", "192.168.1.1000", "192.168.2.5", "192.168.1", "192.168.1.",
+                         "192.168.1.1.1", "192.168.1.-1", "192.168.1.1 ", "", (const char *)nullptr})
+    out << "\nvalidIPAddress " << (ip ? ip : "null") << ": " << validIPAddress(ip);
+  // Byte i into bit i, byte 0 first: a byte above 1 spills into the next
+  // bit, and one shifted out of the word still counts.
+  for (const char *digits : {"1000000000000001", "0002000000000000", "0000000000000002"}) {
+    uint8_t flags[16];
+    for (int i = 0; i < 16; ++i) flags[i] = static_cast<uint8_t>(digits[i] - '0');
+    int32_t ones = -1;
+    out << "\nArrayToU16 " << digits << ": " << ArrayToU16(flags, &ones);
+    out << ' ' << ones;
+  }
+  out << '\n';
+  qbgolden::expectGolden("utilities_transcript.txt", out.str());
+}
+
+// SLEEP waits whole seconds only, measured on the monotonic clock.
+TEST(UtilitiesTest, SleepTakesWholeSecondsOnly) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  double begin = 0, end = 0;
+  getHighPrecisionTime(&begin);
+  EXPECT_NEAR(begin, static_cast<double>(now.tv_sec), 1.5);
+  SLEEP(999);
+  SLEEP(0);
+  getHighPrecisionTime(&end);
+  EXPECT_LT(end - begin, 0.2);
+  SLEEP(1000);  // exactly one second, not rounded down to none
+  getHighPrecisionTime(&begin);
+  EXPECT_NEAR(begin - end, 1.0, 0.3);
+  getHighPrecisionTime(nullptr);
+}
 
 }  // namespace
