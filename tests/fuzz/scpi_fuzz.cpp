@@ -2,11 +2,9 @@
 // list parser and a whole query and write on simulated chassis. Built as a libFuzzer
 // program (clang) or, with replay_main.cpp, as a program that replays the
 // committed corpus in the ordinary test run.
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "qbsim.hpp"
 #include "qbvisa.h"
@@ -27,10 +25,7 @@ qbsim::Resource chassis(const char *name, qbsim::Model model) {
 }
 
 void require(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "scpi fuzz set-up failed: %s\n", what);
-    std::abort();
-  }
+  if (!ok) std::fprintf(stderr, "scpi fuzz set-up failed: %s\n", what), std::abort();
 }
 
 }  // namespace
