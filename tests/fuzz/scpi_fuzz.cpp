@@ -2,11 +2,9 @@
 // list parser and a whole query and write on simulated chassis. Built as a libFuzzer
 // program (clang) or, with replay_main.cpp, as a program that replays the
 // committed corpus in the ordinary test run.
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "qbsim.hpp"
 #include "qbvisa.h"
@@ -18,21 +16,16 @@ constexpr const char *kMatrixChassis = "GPIB0::5::INSTR";  // RK421
 constexpr const char *kOtherChassis = "GPIB0::7::INSTR";   // RK420
 constexpr size_t kReplySize = 400;
 
-uint32_t matrixSession = 0;
-uint32_t otherSession = 0;
+uint32_t matrixSession = 0, otherSession = 0;
 
 qbsim::Resource chassis(const char *name, qbsim::Model model) {
   qbsim::Resource resource;
-  resource.name = name;
-  resource.chassis.model = model;
+  resource.name = name, resource.chassis.model = model;
   return resource;
 }
 
 void require(bool ok, const char *what) {
-  if (!ok) {
-    std::fprintf(stderr, "scpi fuzz set-up failed: %s\n", what);
-    std::abort();
-  }
+  if (!ok) std::fprintf(stderr, "scpi fuzz set-up failed: %s\n", what), std::abort();
 }
 
 }  // namespace
@@ -58,17 +51,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   uint32_t id = 0;
   scpi_parser(0, line.c_str(), message, argument, &id);
   require(id <= 22, "command id out of range");
-  require(std::memchr(argument, '\0', sizeof argument) != nullptr,
-          "argument not terminated");
+  require(std::memchr(argument, '\0', sizeof argument) != nullptr, "argument not terminated");
 
   char parseMessage[256] = {};
   SCPIResult list = parseSCPICrossPoint(line.c_str(), parseMessage);
-  require(list.count >= 0 && (list.count == 0 || list.points != nullptr),
-          "point array inconsistent");
-  for (int32_t i = 0; i < list.count; ++i) {
-    require(list.points[i].row >= 1 && list.points[i].column >= 1,
-            "point outside the matrix");
-  }
+  require(list.count >= 0 && (list.count == 0 || list.points != nullptr), "point array inconsistent");
+  for (int32_t i = 0; i < list.count; ++i)
+    require(list.points[i].row >= 1 && list.points[i].column >= 1, "point outside the matrix");
   freeSCPIResult(&list);
 
   // The LAN-mode setter waits 6 s for a chassis that takes the new mode;
@@ -77,11 +66,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char reply[kReplySize + 8];
   std::memset(reply, 0xA5, sizeof reply);
   QBVISA_SCPIQuery(session, line.c_str(), reply);
-  require(std::memchr(reply, '\0', kReplySize) != nullptr,
-          "reply not terminated");
-  for (size_t i = kReplySize; i < sizeof reply; ++i) {
+  require(std::memchr(reply, '\0', kReplySize) != nullptr, "reply not terminated");
+  for (size_t i = kReplySize; i < sizeof reply; ++i)
     require(static_cast<uint8_t>(reply[i]) == 0xA5, "reply overran its buffer");
-  }
   // The same line as a write: its reply stays inside the chassis record.
   QBVISA_SCPIWrite(session, line.c_str());
   ChassisRecord *record = nullptr;
