@@ -372,7 +372,7 @@ TEST_F(ScpiBench, Transcript) {
     out << "; " << qbsim::closedRelays(name).size() << " closed\n";
     qbsim::clearTraffic(name);
   };
-  step(remote421, kRemote421, ":SYST:COMM:GPIB:RDEV:ADDR 12");
+  step(remote421, kRemote421, ":SYST:COMM:GPIB:RDEV:ADDR 25");
   step(remote421, kRemote421, ":SYSemT:COMMunication:LAN:IP:ADDRess 192.168.1.33");
   // The chassis takes seconds over a LAN-mode change: the one slow step here.
   step(remote421, kRemote421, ":SYST:COM:LAN:SET:MODE AUTO");
