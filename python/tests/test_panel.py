@@ -14,6 +14,7 @@ import qbvisa.panel
 from qbvisa import sim
 from qbvisa._locks import process_lock
 from qbvisa.panel.relays import crosspoint_relays, own_relays, relay_count
+from test_errors_points import DATA, expect_golden
 
 RK420 = "GPIB0::5::INSTR"
 GAPPED_RK420 = {"version": 1, "resources": [
@@ -54,57 +55,36 @@ def test_relays_read_back_map_to_the_crosspoints_switched_and_are_counted(qbvisa
         assert relay_count(mapping, points) == len(relays), found.model
 
 
+def replay(panel, name):
+    """Sends the requests of a reviewed transcript under tests/data ('> ' and
+    [method, path, body (a string: sent as it is), token?, headers], or
+    '> relays': the RK420's closed relays) and compares its '< ' lines whole
+    with the status and the closed, error code, warning, chassis and fitted
+    sub-matrices of each reply."""
+    lines = []
+    for line in (DATA / name).read_text().splitlines():
+        if line == "> relays":
+            lines += [line, f"< {sim.closed_relays(RK420)}"]
+        elif line.startswith("> "):
+            method, path, body, token, headers = json.loads(line[2:])
+            status, reply = request(panel, method, path, body.encode() if isinstance(body, str) else body,
+                                    token, headers)
+            kept = {k: reply[k] for k in ("closed", "error", "warning", "chassis") if k in reply}
+            kept.update({"error": reply["error"]["code"]} if "error" in reply else {})
+            kept.update({"fitted": reply["geometry"]["fitted"]} if "geometry" in reply else {})
+            lines += [line, f"< {status} {json.dumps(kept)}"]
+    expect_golden(name, lines)
+
+
 @pytest.mark.qbvisa_bench(GAPPED_RK420)
 def test_unfitted_sub_matrices_are_skipped_in_the_mapping_and_refused(panel):
-    status, chassis = request(panel, "GET", "/api/chassis/0")
-    assert chassis["geometry"]["fitted"] == [True, False, True, False, False]
-    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": [[1, 21], [2, 2]]})
-    assert status == 200 and reply["closed"] == [[1, 21], [2, 2]]
-    assert sim.closed_relays(RK420)
-    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "1!11"})
-    assert (status, reply["error"]["code"]) == (409, -10013)
-    status, chassis = request(panel, "GET", "/api/chassis/0")
-    assert chassis["closed"] == [[1, 21], [2, 2]]
+    replay(panel, "python_panel_gapped.txt")
 
 
 def test_routes_switch_and_refuse(panel):
     status, page = request(panel, "GET", "/", token=False)
     assert status == 200 and b"panel.js" in page
-    status, rack = request(panel, "GET", "/api/rack", token=False)
-    assert [c["model"] for c in rack["chassis"]] == ["RK420", "RK421", "RK422", "RK423"]
-    status, reply = request(panel, "POST", "/api/switch", {"chassis": 0, "close": "1!1:2!2"})
-    assert status == 200 and reply["closed"] == [[1, 1], [1, 2], [2, 1], [2, 2]]
-    relays = sim.closed_relays(RK420)
-    refused = [
-        ({"chassis": 0, "close": "1!1"}, False, {}, 403),
-        ({"chassis": 0, "close": "1!1"}, True, {"Origin": "http://elsewhere"}, 403),
-        ({"chassis": 0, "close": "1!1"}, True, {"Host": "evil.example"}, 403),
-        ({"chassis": 0, "close": "1!1"}, True, {"X-Panel-Token": "wrong"}, 403),
-        ({"chassis": 0, "close": "1!1"}, True, {"Sec-Fetch-Site": "cross-site"}, 403),
-        ({"chassis": 0, "close": "0!1"}, True, {}, 400),
-        ({"chassis": 0, "close": "9!99"}, True, {}, 409),
-        ({"chassis": 0, "close": "1!1"}, True, {"Content-Type": "text/plain"}, 415),
-        (b"{", True, {}, 400),
-        ([1, 2], True, {}, 400),
-        ({"chassis": "0", "close": "1!1"}, True, {}, 400),
-        ({"chassis": 0}, True, {}, 400),
-        ({"chassis": 0, "close": [[1, "a"]]}, True, {}, 400),
-        ({"chassis": 9, "close": "1!1"}, True, {}, 404),
-        ({"chassis": 0, "close": "1!1:12!50"}, True, {}, 409),   # closure limit
-    ]
-    for body, token, headers, expected in refused:
-        status, reply = request(panel, "POST", "/api/switch", body, token, headers)
-        assert status == expected, (body, headers)
-    assert reply["error"]["code"] == -10030
-    assert sim.closed_relays(RK420) == relays
-    status, reply = request(panel, "POST", "/api/settings", {"chassis": 1, "control_mode": "off"})
-    assert status == 400
-    status, reply = request(panel, "POST", "/api/open-all", {"chassis": 0})
-    assert status == 200 and reply["closed"] == [] and sim.closed_relays(RK420) == []
-    # The RK422 holds only its first four rows: accepted, but not held.
-    status, reply = request(panel, "POST", "/api/switch", {"chassis": 2, "close": "1!2, 5!1"})
-    assert status == 200 and reply["closed"] == [[1, 2]]
-    assert reply["warning"]["detail"] == "5!1 open"
+    replay(panel, "python_panel_routes.txt")
 
 
 def test_what_the_program_switches_reaches_the_event_stream(panel):

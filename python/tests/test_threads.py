@@ -8,8 +8,7 @@ from qbvisa._locks import SharedExclusiveLock
 
 
 def test_threads_share_one_matrix(qbvisa_matrix):
-    m = qbvisa_matrix
-    errors = []
+    m, errors = qbvisa_matrix, []
 
     def worker(row):
         try:
@@ -22,9 +21,10 @@ def test_threads_share_one_matrix(qbvisa_matrix):
 
     threads = [threading.Thread(target=worker, args=(row,)) for row in range(1, 7)]
     # Discovery and reconnection run alongside the switching threads.
-    finder = threading.Thread(target=lambda: [(qbvisa.find(), qbvisa.connect(m.chassis.resource)) for _ in range(5)])
-    [t.start() for t in threads + [finder]]
-    [t.join() for t in threads + [finder]]
+    threads.append(threading.Thread(target=lambda: [(qbvisa.find(), qbvisa.connect(m.chassis.resource))
+                                                    for _ in range(5)]))
+    [t.start() for t in threads]
+    [t.join() for t in threads]
     assert errors == []
     wanted = {(r, c) for r in range(1, 7) for c in range(1, 51, 2)}
     assert m.closed == wanted
@@ -35,22 +35,17 @@ def test_threads_share_one_matrix(qbvisa_matrix):
 
 
 def test_exclusive_waits_for_shared_holders():
-    lock = SharedExclusiveLock()
-    order = []
-    inside = threading.Event()
-    release = threading.Event()
+    lock, order, inside, release = SharedExclusiveLock(), [], threading.Event(), threading.Event()
 
     def reader():
-        with lock.shared():
-            with lock.shared():  # re-entrant
-                inside.set()
-                release.wait(5)
-                order.append("reader done")
+        with lock.shared(), lock.shared():  # re-entrant
+            inside.set()
+            release.wait(5)
+            order.append("reader done")
 
     def writer():
-        with lock.exclusive():
-            with lock.shared():  # the writer may call shared code
-                order.append("writer")
+        with lock.exclusive(), lock.shared():  # the writer may call shared code
+            order.append("writer")
 
     r, w = threading.Thread(target=reader), threading.Thread(target=writer)
     r.start()
@@ -59,6 +54,5 @@ def test_exclusive_waits_for_shared_holders():
     w.join(0.2)
     assert order == []
     release.set()
-    r.join()
-    w.join()
+    r.join(), w.join()
     assert order == ["reader done", "writer"]
