@@ -132,7 +132,9 @@ TEST(Identity, Transcript) {
     SlotArea &area = Record(session)->slots[slot % 3];
     area.cardPresent[0] = 1;
     area.matrixKind = code;
-    out << "card type code " << code << ": " << QBVISA_GetCardType(session, slot++ % 3, name) << ' ' << name << '\n';
+    std::memset(name, '#', sizeof name);  // nothing is written past the name's NUL
+    out << "card type code " << code << ": " << QBVISA_GetCardType(session, slot++ % 3, name) << ' ' << name
+        << (name[std::strlen(name) + 1] == '#' ? "" : " (written past the name)") << '\n';
   }
   // Sizes of exact names only.
   for (const char *card : {"N7360", "N7361-FF", "N7361-H", "N7363", "n7360", "N7360 ", (const char *)nullptr}) {

@@ -116,6 +116,7 @@ TEST(ListParsing, ItemsAndParentheses) {
     freeSCPIResult(&result);
   }
   out << "item without a result: " << parseCrosspoints(nullptr, "1!1", nullptr) << '\n';
+  out << "list without a text: " << parseSCPICrossPoint(nullptr, nullptr).count << '\n';
   for (const char *text : {"(@1(1!1))", "", (const char *)nullptr, "(()", ")(", "())("})
     out << "balanced " << (text ? text : "null") << ": " << areParenthesesBalanced(text) << '\n';
   qbgolden::expectGolden("crosspoint_items.txt", out.str());
