@@ -225,6 +225,15 @@ TEST(Versions, Transcript) {
   info(Connect(Model::RK420, {{3, 5}}), 8, "kept");
   info(Connect(Model::RK420, {{2, 0}}, 999999), 8, "kept");
   info(kUnknownSession, 8, "kept");
+  {  // an identity answer without a byte carries no serial number
+    qbtest::Scope tap;
+    static bool identityAsked;
+    qbtest::onWrite = [](std::vector<uint8_t> &frame) { identityAsked = frame[0] == 8; };
+    qbtest::onRead = [](uint8_t *reply, uint32_t &count) {
+      if (identityAsked) std::memset(reply, 0, count), count = 0;
+    };
+    info(Connect(Model::RK421), 8, "kept");
+  }
   out << "HW RK420B 3.05: " << Rendered(QBVISA_GetHWVersion(Connect(Model::RK420B, {{3, 5}}), list, 0)) << '\n';
   out << "HW unknown session: " << Rendered(QBVISA_GetHWVersion(kUnknownSession, list, 0)) << '\n';
   out << "SW unknown session: " << Rendered(QBVISA_GetSWVersion(kUnknownSession, list, 0)) << '\n';
