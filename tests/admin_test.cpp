@@ -286,6 +286,13 @@ TEST(Diagnostics, Transcript) {
     out << "SelfTest cut to " << length << ": " << QBVISA_SelfTest(session, 0, cut, length) << ' '
         << std::string(cut, 7).c_str() << '|' << cut[6] << '\n';
   }
+  {
+    qbtest::Scope tap;  // a verdict needs a reply of four bytes
+    static uint32_t cap;
+    qbtest::onRead = [](uint8_t *, uint32_t &count) { count = std::min(count, cap); };
+    for (const uint32_t bytes : {3u, 4u})
+      cap = bytes, out << "SelfTest reply of " << bytes << ": " << QBVISA_SelfTest(session, 0, text, sizeof text), results();
+  }
   session = Connect({0, 1, 0, 1}, {1, 0, 0, 1});
   {
     qbtest::Scope tap;  // replies just long enough for the four flags will do
