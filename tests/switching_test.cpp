@@ -386,12 +386,23 @@ uint64_t seedOfRun() {
 
 // A location entry of the slot's kind, to bend and restore.
 PointLocation *locationEntry(uint32_t kind, std::mt19937_64 &rng) {
-  const uint64_t row = rng(), column = rng();
-  switch (kind) {
-    case MATRIX_KIND_RK420: return row % 2 ? &isoLocationX[row / 2 % 12][column % 10] : &matrixLocation[row / 2 % 12][column % 10];
-    case MATRIX_KIND_RK421: return &RK421_isoLocationCV[4 + row % 2][column % 12];
-    case MATRIX_KIND_RK422: return &RK422_matrixLocation[row % 16][column % 96];
-    default: return &RK423_isoLocationLT[row % 2][0];
+  const uint64_t table = rng(), row = rng(), column = rng();
+  switch (kind) {  // any table of the kind: a change to any of them must show
+    case MATRIX_KIND_RK420: {
+      PointLocation(*tables[])[10] = {matrixLocation, isoLocationX, isoLocationY};
+      return &tables[table % 3][row % 12][column % 10];
+    }
+    case MATRIX_KIND_RK421: {
+      PointLocation(*tables[])[12] = {RK421_matrixLocation, RK421_isoLocationX, RK421_isoLocationY,
+                                      RK421_isoLocationCV};
+      return &tables[table % 4][row % 10][column % 12];
+    }
+    case MATRIX_KIND_RK422: return &(table % 2 ? RK422_isoLocationY : RK422_matrixLocation)[row % 16][column % 96];
+    default: {
+      PointLocation(*tables[])[12] = {RK423_matrixLocation, RK423_isoLocationX, RK423_isoLocationY,
+                                      RK423_isoLocationCV, RK423_isoLocationLT};
+      return table % 5 == 4 ? &RK423_isoLocationLT[row % 2][0] : &tables[table % 4][row % 8][column % 12];
+    }
   }
 }
 
