@@ -172,6 +172,7 @@ TEST(Versions, Transcript) {
       {Model::RK421, {{3, 6}, {4, 4}}},  // main and second controller
       // One slot per pair; the first pair with a zero byte ends the list.
       {Model::RK422, {{3, 6}, {2, 1}, {0x1F, 0x20}, {4, 0}, {5, 5}}},
+      {Model::RK422, std::vector<Version>(30, {1, 1})},  // the list holds the chassis and 21 cards
       {Model::RK423, {{0, 6}}},
   };
   for (const auto &c : software) {
