@@ -406,6 +406,30 @@ PointLocation *locationEntry(uint32_t kind, std::mt19937_64 &rng) {
   }
 }
 
+// A caller's change to the last location table of a kind reaches the next
+// frame: the prepared table watches every table of its kind, not only some.
+TEST(SwitchingDifferentialTest, EveryLocationTableIsWatched) {
+  const struct { Model model; PointLocation *entry; uint32_t row; } cases[] = {
+      {Model::RK420, &isoLocationY[0][0], 0},
+      {Model::RK421, &RK421_isoLocationCV[4][5], 4},  // its column 0 is wired to 5
+      {Model::RK422, &RK422_isoLocationY[0][0], 0},
+      {Model::RK423, &RK423_isoLocationCV[6][0], 6}};
+  for (const auto &c : cases) {
+    const qbtest::Connection conn = qbtest::readyChassis(qbtest::chassisConfig(c.model));
+    const SlotArea &s = conn.record->slots[0];
+    std::vector<uint32_t> array(s.arrayWordLimit, 0);
+    const uint32_t point = c.row * s.columnCount * s.subMatrixCount;  // column 0 of the row
+    array[point / 32] |= 1u << (point % 32);
+    bothPaths(conn, array);  // the prepared table is built for these tables
+    const PointLocation kept = *c.entry;
+    c.entry->position = kept.position == 1 ? 2 : 1;
+    const auto [prepared, pointByPoint] = bothPaths(conn, array);
+    *c.entry = kept;
+    EXPECT_EQ(prepared, pointByPoint) << qbsim::modelName(c.model);
+    EXPECT_EQ(prepared.status, 0) << qbsim::modelName(c.model);
+  }
+}
+
 TEST(SwitchingDifferentialTest, PreparedFramesMatchThePointByPointBuilder) {
   std::mt19937_64 rng(seedOfRun());
   const std::pair<Model, uint8_t> configs[] = {
