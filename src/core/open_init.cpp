@@ -181,8 +181,8 @@ QBVISA_EXPORT int32_t IsBoardExists(ChassisRecord *record, uint64_t slot) {
                   [](uint8_t p) { return p < kAbsent; });
   if (anyPresent) return 1;
   static constexpr int32_t kMissing[] = {QBVISA_ERR_NO_TYPE0_CARD,
-                                          QBVISA_ERR_NO_TYPE1_CARD,
-                                          QBVISA_ERR_NO_TYPE2_CARD};
+                                         QBVISA_ERR_NO_TYPE1_CARD,
+                                         QBVISA_ERR_NO_TYPE2_CARD};
   return kMissing[slot];
 }
 
