@@ -11,8 +11,7 @@ namespace {
 
 using namespace qbvisa;
 
-// Version lists are arrays of 10-byte text slots.
-constexpr size_t kTextSlot = 10;
+constexpr size_t kTextSlot = kVersionTextSize;
 // The largest chassis has 21 card positions: with the controller's
 // own entry no version list is longer than 22 slots, which bounds what the
 // library writes into a caller's list.

@@ -19,11 +19,12 @@ struct MainGeometry {
       wordsPerGroup, pointCount;
 };
 
-// Rows [first, last] whose points also close one isolation relay; an empty
-// range (first > last) means no row does.
+// Rows [first, last] whose points also close one isolation relay; a model
+// with no such rows says kNoRows.
 struct RowRange {
   uint32_t first, last;
   constexpr bool holds(uint32_t row) const { return row >= first && row <= last; }
+  constexpr bool operator==(const RowRange &) const = default;
 };
 inline constexpr RowRange kNoRows{1, 0};
 inline constexpr RowRange kEveryRow{0, UINT32_MAX};

@@ -12,6 +12,9 @@
 
 namespace qbvisa {
 
+// Version and device-summary texts are handed out in 10-byte slots.
+inline constexpr size_t kVersionTextSize = 10;
+
 // Command codes (u16 at offset 0 of a request).
 inline constexpr uint16_t kSetChassisSerial = 2;
 inline constexpr uint16_t kGetControlMode = 5;

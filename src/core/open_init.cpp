@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <limits>
 
 #include "core/chassis_model.h"
 #include "core/chassis_request.h"
@@ -53,8 +54,9 @@ int32_t readSlot1Presence(ChassisRecord &record) {
   const uint8_t flags = record.replyBuffer[2];
   const int first = record.slots[0].subMatrixCount;
   // Reply byte 2 has eight bits, so every position fits the presence table.
-  const int end = std::min<int>(record.slotCount, 8);
-  static_assert(8 <= kSlotPositions);
+  constexpr int kFlagBits = std::numeric_limits<uint8_t>::digits;
+  static_assert(kFlagBits <= kSlotPositions);
+  const int end = std::min<int>(record.slotCount, kFlagBits);
   SlotArea &slot = record.slots[1];
   int fitted = 0;
   for (int b = first; b < end; ++b) {

@@ -2,33 +2,32 @@
 #include "locations/crosspoint_tables.h"
 
 namespace qbvisa {
+namespace {
 
-int crosspointLocationTables(uint32_t kind,
-                             LocationTableRef (&tables)[kMaxCrosspointTables]) {
+#define QBVISA_TABLE(table) LocationTableRef{table, sizeof table}
+
+constexpr LocationTableRef kRK420Tables[] = {
+    QBVISA_TABLE(matrixLocation), QBVISA_TABLE(isoLocationX), QBVISA_TABLE(isoLocationY)};
+constexpr LocationTableRef kRK421Tables[] = {
+    QBVISA_TABLE(RK421_matrixLocation), QBVISA_TABLE(RK421_isoLocationX),
+    QBVISA_TABLE(RK421_isoLocationY), QBVISA_TABLE(RK421_isoLocationCV)};
+constexpr LocationTableRef kRK422Tables[] = {
+    QBVISA_TABLE(RK422_matrixLocation), QBVISA_TABLE(RK422_isoLocationY)};
+constexpr LocationTableRef kRK423Tables[] = {
+    QBVISA_TABLE(RK423_matrixLocation), QBVISA_TABLE(RK423_isoLocationX),
+    QBVISA_TABLE(RK423_isoLocationY), QBVISA_TABLE(RK423_isoLocationCV)};
+
+#undef QBVISA_TABLE
+
+}  // namespace
+
+std::span<const LocationTableRef> crosspointLocationTables(uint32_t kind) {
   switch (kind) {
-    case MATRIX_KIND_RK420:
-      tables[0] = {matrixLocation, sizeof matrixLocation};
-      tables[1] = {isoLocationX, sizeof isoLocationX};
-      tables[2] = {isoLocationY, sizeof isoLocationY};
-      return 3;
-    case MATRIX_KIND_RK421:
-      tables[0] = {RK421_matrixLocation, sizeof RK421_matrixLocation};
-      tables[1] = {RK421_isoLocationX, sizeof RK421_isoLocationX};
-      tables[2] = {RK421_isoLocationY, sizeof RK421_isoLocationY};
-      tables[3] = {RK421_isoLocationCV, sizeof RK421_isoLocationCV};
-      return 4;
-    case MATRIX_KIND_RK422:
-      tables[0] = {RK422_matrixLocation, sizeof RK422_matrixLocation};
-      tables[1] = {RK422_isoLocationY, sizeof RK422_isoLocationY};
-      return 2;
-    case MATRIX_KIND_RK423:
-      tables[0] = {RK423_matrixLocation, sizeof RK423_matrixLocation};
-      tables[1] = {RK423_isoLocationX, sizeof RK423_isoLocationX};
-      tables[2] = {RK423_isoLocationY, sizeof RK423_isoLocationY};
-      tables[3] = {RK423_isoLocationCV, sizeof RK423_isoLocationCV};
-      return 4;
-    default:
-      return 0;
+    case MATRIX_KIND_RK420: return kRK420Tables;
+    case MATRIX_KIND_RK421: return kRK421Tables;
+    case MATRIX_KIND_RK422: return kRK422Tables;
+    case MATRIX_KIND_RK423: return kRK423Tables;
+    default: return {};
   }
 }
 

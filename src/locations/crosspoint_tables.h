@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "qbvisa_lowlevel.h"
 
@@ -15,13 +16,12 @@ struct LocationTableRef {
   size_t bytes;
 };
 
-inline constexpr int kMaxCrosspointTables = 4;
 // Largest set of tables one kind reads (the RK422's two 16 x 96).
 inline constexpr size_t kLargestCrosspointTableBytes = 2 * sizeof RK422_matrixLocation;
 
-// Fills `tables` with the crosspoint and isolation tables of `kind` (the
-// RK423's LT relays are looked up on every call instead) and returns how
-// many; 0 for kinds that are not a chassis's own matrix.
-int crosspointLocationTables(uint32_t kind, LocationTableRef (&tables)[kMaxCrosspointTables]);
+// The crosspoint and isolation tables of `kind` (the RK423's LT relays are
+// looked up on every call instead); none for kinds that are not a chassis's
+// own matrix.
+std::span<const LocationTableRef> crosspointLocationTables(uint32_t kind);
 
 }  // namespace qbvisa

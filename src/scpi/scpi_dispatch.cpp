@@ -34,7 +34,8 @@ constexpr int64_t kColumnsPerRow = 48;
 // the image is the first quarter; it stores what it is handed back there.
 constexpr size_t kLastArrayWords = QBVISA_LAST_ARRAY_SIZE / 4;
 // The version call writes one 10-byte text per firmware pair the chassis
-// lists, without a bound: up to 199 pairs fit a 400-byte reply.
+// lists, at most 22 of them; the buffer keeps the room a 400-byte reply of
+// pairs would need.
 constexpr size_t kVersionListSize = 2000;
 
 // Where the reply text of this call goes, and how much room it has.
@@ -236,21 +237,23 @@ void firmwareVersions(uint32_t session, const Reply &reply) {
     putError(reply, status);
     return;
   }
-  put(reply, "Fw Version: CTR %s, COM %s", list, list + 10);
+  put(reply, "Fw Version: CTR %s, COM %s", list, list + qbvisa::kVersionTextSize);
 }
 
 // The device summary: its first text names the module, its second the
 // manufacturer.
 void deviceText(uint32_t session, bool manufacturer, const Reply &reply) {
-  // The summary texts are 10-byte fields.
-  char texts[4][10] = {};
-  const int32_t status = QBVISA_GetDeviceInfo(session, texts[0], texts[1], texts[2], texts[3],
-                                              sizeof texts[0]);
+  struct {
+    char module[qbvisa::kVersionTextSize], maker[qbvisa::kVersionTextSize];
+    char serial[qbvisa::kVersionTextSize], version[qbvisa::kVersionTextSize];
+  } texts{};
+  const int32_t status = QBVISA_GetDeviceInfo(session, texts.module, texts.maker, texts.serial,
+                                              texts.version, sizeof texts.module);
   if (status < 0) {
     putError(reply, status);
     return;
   }
-  put(reply, "%.9s", texts[manufacturer ? 1 : 0]);
+  put(reply, "%.9s", manufacturer ? texts.maker : texts.module);
 }
 
 // Diagnostic flags come back first-to-last and are shown last-to-first.

@@ -99,13 +99,10 @@ PreparedSlot *entryOf(const ChassisRecord &record) {
 }
 
 bool locationsUnchanged(const PreparedSlot &entry) {
-  LocationTableRef tables[kMaxCrosspointTables];
-  const int count = crosspointLocationTables(entry.inputs.kind, tables);
   size_t offset = 0;
-  for (int t = 0; t < count; ++t) {
-    if (std::memcmp(entry.locations + offset, tables[t].at, tables[t].bytes) != 0)
-      return false;
-    offset += tables[t].bytes;
+  for (const LocationTableRef &table : crosspointLocationTables(entry.inputs.kind)) {
+    if (std::memcmp(entry.locations + offset, table.at, table.bytes) != 0) return false;
+    offset += table.bytes;
   }
   return true;
 }
@@ -137,15 +134,14 @@ void build(PreparedSlot &entry, const SlotInputs &in) {
   entry.built = true;
   entry.usable = false;
   entry.inputs = in;
-  LocationTableRef tables[kMaxCrosspointTables];
-  const int tableCount = crosspointLocationTables(in.kind, tables);
+  const std::span<const LocationTableRef> tables = crosspointLocationTables(in.kind);
   size_t offset = 0;
-  for (int t = 0; t < tableCount; ++t) {
-    std::memcpy(entry.locations + offset, tables[t].at, tables[t].bytes);
-    offset += tables[t].bytes;
+  for (const LocationTableRef &table : tables) {
+    std::memcpy(entry.locations + offset, table.at, table.bytes);
+    offset += table.bytes;
   }
   const ChassisModel *kindModel = modelByKind(in.kind);
-  if (tableCount == 0 || kindModel == nullptr) return;
+  if (tables.empty() || kindModel == nullptr) return;
   const ChassisModel *model = modelByType(in.modelTypeCode);
   entry.ltRelays = model != nullptr && model->hasLtRelays;
   entry.deadBits = deadBitsOf(in);
@@ -157,7 +153,7 @@ void build(PreparedSlot &entry, const SlotInputs &in) {
   const int words = in.wordsPerGroup;
   const uint32_t payload = static_cast<uint32_t>(boards * words);
   if (payload > kMaxPayloadWords) return;
-  const auto anyRow = [](RowRange rows) { return rows.first <= rows.last; };
+  const auto anyRow = [](RowRange rows) { return rows != kNoRows; };
   const int stride = kindModel->rowBlocks
                          ? 2
                          : 2 + int{anyRow(kindModel->isoXRows)} +
@@ -290,7 +286,7 @@ int32_t buildPreparedFrame(ChassisRecord &record, const uint32_t *array,
   if (!stopped && entry->ltRelays) {
     // The LT relays sit on the first board, after the points.
     const bool deadBits = entry->deadBits;
-    const uint16_t unsent = static_cast<uint16_t>(payloadWords * 16);
+    const uint16_t unsent = static_cast<uint16_t>(payloadWords * kRelaysPerBitGroup);
     const uint16_t ltCount =
         std::min<uint16_t>(slot.ltIsolationCount, sizeof slot.ltIsolationState);
     for (uint16_t j = 0; j < ltCount; ++j) {
