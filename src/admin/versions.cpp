@@ -12,11 +12,6 @@ namespace {
 using namespace qbvisa;
 
 constexpr size_t kTextSlot = kVersionTextSize;
-// The largest chassis has 21 card positions: with the controller's
-// own entry no version list is longer than 22 slots, which bounds what the
-// library writes into a caller's list.
-constexpr size_t kMaxCardPositions = 21;
-constexpr size_t kMaxListSlots = kMaxCardPositions + 1;
 
 void formatFirmware(char *slot, unsigned major, unsigned minor) {
   std::snprintf(slot, kTextSlot, "%x.%02x", major, minor);
@@ -115,7 +110,7 @@ QBVISA_EXPORT int32_t QBVISA_GetSWVersion(uint32_t session, char *list,
   // One version pair per controller from byte 2 on; the first pair with a
   // zero byte ends the list.
   size_t slot = 0;
-  for (size_t p = 2; p + 1 < QBVISA_REPLY_SIZE && slot < kMaxListSlots;
+  for (size_t p = 2; p + 1 < QBVISA_REPLY_SIZE && slot < kMaxVersionSlots;
        p += 2) {
     if (reply[p] == 0 || reply[p + 1] == 0) {
       break;

@@ -14,6 +14,11 @@ namespace qbvisa {
 
 // Version and device-summary texts are handed out in 10-byte slots.
 inline constexpr size_t kVersionTextSize = 10;
+// The largest chassis has 21 card positions: with the controller's own entry
+// no version list is longer than 22 slots, which bounds what the library
+// writes into a caller's list.
+inline constexpr size_t kMaxCardPositions = 21;
+inline constexpr size_t kMaxVersionSlots = kMaxCardPositions + 1;
 
 // Command codes (u16 at offset 0 of a request).
 inline constexpr uint16_t kSetChassisSerial = 2;

@@ -34,9 +34,8 @@ constexpr int64_t kColumnsPerRow = 48;
 // the image is the first quarter; it stores what it is handed back there.
 constexpr size_t kLastArrayWords = QBVISA_LAST_ARRAY_SIZE / 4;
 // The version call writes one 10-byte text per firmware pair the chassis
-// lists, at most 22 of them; the buffer keeps the room a 400-byte reply of
-// pairs would need.
-constexpr size_t kVersionListSize = 2000;
+// lists, up to its slot limit.
+constexpr size_t kVersionListSize = qbvisa::kMaxVersionSlots * qbvisa::kVersionTextSize;
 
 // Where the reply text of this call goes, and how much room it has.
 struct Reply {
