@@ -30,14 +30,13 @@ void copyCutField(const char *begin, const char *end, char *field) {
   field[length > 0 ? length - 1 : 0] = '\0';
 }
 
-// Splits the reply read into identity->reply. A reply without a comma has no
-// maker field; one with a single comma has its model run to the reply's end.
-void splitIdentity(Identity *identity, ViUInt32 count) {
+// Splits the reply read into identity->reply; false when it has no comma,
+// so no maker field that could be accepted. With a single comma the model
+// runs to the reply's end.
+bool splitIdentity(Identity *identity, ViUInt32 count) {
   identity->reply[count] = '\0';
-  identity->maker[0] = '\0';
-  identity->model[0] = '\0';
   const char *firstComma = std::strchr(identity->reply, ',');
-  if (firstComma == nullptr) return;
+  if (firstComma == nullptr) return false;
   copyCutField(identity->reply, firstComma, identity->maker);
   const char *modelBegin = firstComma + 1;
   const char *secondComma = std::strchr(modelBegin, ',');
@@ -45,6 +44,7 @@ void splitIdentity(Identity *identity, ViUInt32 count) {
                              ? secondComma
                              : modelBegin + std::strlen(modelBegin);
   copyCutField(modelBegin, modelEnd, identity->model);
+  return true;
 }
 
 bool acceptedMaker(const char *maker) {
@@ -52,7 +52,8 @@ bool acceptedMaker(const char *maker) {
 }
 
 
-// Sends "*IDN?" and reads the answer; false when either transfer fails.
+// Sends "*IDN?" and reads the answer; false when either transfer fails or
+// the answer names no maker.
 bool queryIdentity(ViSession session, Identity *identity, bool *writeFailed) {
   ViUInt32 count = 0;
   *writeFailed = viWrite(session, reinterpret_cast<const ViByte *>(kIdentityQuery),
@@ -62,8 +63,7 @@ bool queryIdentity(ViSession session, Identity *identity, bool *writeFailed) {
   if (viRead(session, reinterpret_cast<ViByte *>(identity->reply),
              QBVISA_REPLY_SIZE, &count) < VI_SUCCESS)
     return false;
-  splitIdentity(identity, count > QBVISA_REPLY_SIZE ? QBVISA_REPLY_SIZE : count);
-  return true;
+  return splitIdentity(identity, count > QBVISA_REPLY_SIZE ? QBVISA_REPLY_SIZE : count);
 }
 
 // Serial chassis answer at one rate only. Returns the rate at which a maker
