@@ -21,10 +21,9 @@ namespace {
 using namespace qbvisa;
 using qbsim::Model;
 
-// Every field of every model and card row against the reviewed rows
-// (tests/data/chassis_models.txt): one wrong number in a geometry shows. Each
-// row is also looked up by its code, name and code text ("found 1": that row
-// itself, so no two rows share one), and whether it takes an AP card in slot 2.
+// Every field of every model and card row, so one wrong number shows; each
+// row is also looked up by code, name and code text ("found 1": that row, so
+// no two rows share one), and whether it takes an AP card in slot 2.
 TEST(ChassisModelTest, RowsMatchTheReviewedTable) {
   std::ostringstream out;
   const auto geometry = [&out](const MainGeometry &g) {
@@ -82,15 +81,11 @@ TEST(ChassisModelTest, EveryCrosspointClosesTheReviewedRelays) {
   qbgolden::expectGolden("crosspoint_relays.txt", out.str());
 }
 
-// Every model in the library's order with the facts bindings take from it,
-// slot 0 of a chassis of it with sub-matrices 0 and 2 fitted, the refusals of
-// those calls (then: slot info and model name with no result, slot 3, no room,
-// the name cut to 4 bytes and always terminated; point relays at row 0, a row
-// and a column past the end, a gap's column, slot 1, no result), and the end
-// of the list (a refusal, not a stale row) and unknown sessions, against the
-// reviewed transcript (tests/data/extension_info.txt). The relays the library
-// names for a crosspoint are exactly those a frame closing only that
-// crosspoint leaves closed on the chassis (blocks address fitted sub-matrices).
+// Every model with the facts bindings take from it, slot 0 with sub-matrices
+// 0 and 2 fitted, the refusals of those calls, the end of the list (a refusal,
+// not a stale row) and unknown sessions. The relays named for a crosspoint are
+// exactly those a frame closing only that crosspoint leaves closed on the
+// chassis (blocks address fitted sub-matrices).
 TEST(ExtensionInfoTest, ModelsSlotZeroAndPointRelays) {
   using Triple = std::tuple<int, int, int>;
   std::ostringstream out;

@@ -39,4 +39,20 @@ inline void expectGolden(const std::string &name, const std::string &text) {
   expectGolden(name, lines);
 }
 
+// A reviewed table under tests/data rendered again: each row from its input
+// (its first `inputs` tab-separated fields) and the whole compared, so a wrong
+// field shows with its input.
+template <typename Render>
+inline void expectTable(const char *file, Render render, int inputs = 1) {
+  std::ifstream in(std::string(QBVISA_TEST_DATA "/") + file);
+  EXPECT_TRUE(in.good()) << file;
+  std::string rendered;
+  for (std::string row; std::getline(in, row);) {
+    size_t end = row.find('\t');
+    for (int n = 1; n < inputs && end != std::string::npos; ++n) end = row.find('\t', end + 1);
+    if (!row.empty() && row[0] != '#') rendered += render(row.substr(0, end)) + "\n";
+  }
+  expectGolden(file, rendered);
+}
+
 }  // namespace qbgolden

@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <optional>
 #include <iomanip>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "bench.hpp"
+#include "core/chassis_model.h"
 #include "golden.hpp"
 #include "support/wire_tap.hpp"
 
@@ -39,15 +39,6 @@ qbsim::ChassisConfig slot1(Model model, uint8_t cardType, uint8_t hardware = 10)
   return c;
 }
 
-// A slot-2 card made for chassis type `typeCode` (0: the chassis's own).
-qbsim::ChassisConfig slot2(Model model, uint8_t major, uint8_t minor, uint16_t typeCode = 0,
-                           bool present = true) {
-  qbsim::ChassisConfig c = chassisConfig(model, major, minor);
-  c.typeCode = typeCode;
-  c.slot2Present = present;
-  return c;
-}
-
 // Frames as hex bytes, one after another; an all-zero payload as its length.
 std::string hex(const std::vector<Bytes> &frames) {
   std::ostringstream out;
@@ -60,57 +51,18 @@ std::string hex(const std::vector<Bytes> &frames) {
   return out.str();
 }
 
-// What opening a slot leaves against the reviewed transcript
-// (tests/data/open_transcript.txt): status, kind, matrix kind, word limit,
-// rows, columns, sub-matrices, boards, words a board, points, first board,
-// positions present, and the requests on the wire.
+// Each chassis of tests/data/open_transcript.txt as a bench file gives it,
+// with the slot opened.
 TEST(OpenTest, SlotsPerModelCardAndFirmware) {
-  qbsim::ChassisConfig newForm = chassisConfig(Model::RK420, 3, 7);
-  newForm.versionInBytes45 = true;  // bytes 2 and 3 of the reply stay 0
-  const struct {
-    const char *what;
-    qbsim::ChassisConfig chassis;
-    uint64_t slot;
-  } cases[] = {
-      {"RK420", chassisConfig(Model::RK420), 0},
-      {"RK420 3.7 new form", newForm, 0},
-      {"RK420 2.0", chassisConfig(Model::RK420, 2, 0), 0},
-      {"RK420 1.9", chassisConfig(Model::RK420, 1, 9), 0},
-      {"RK420 bit 5 is slot 1's", fitted(chassisConfig(Model::RK420), 0x3E), 0},
-      {"RK420 nothing fitted", fitted(chassisConfig(Model::RK420), 0), 0},
-      {"RK420 slot 3", chassisConfig(Model::RK420), 3},
-      {"RK421 any slot is 0", chassisConfig(Model::RK421, 1, 0), 2},
-      {"RK421 3.6", chassisConfig(Model::RK421), 0},
-      {"RK423B 1.0", chassisConfig(Model::RK423B, 1, 0), 0},
-      {"RK422 1.0", chassisConfig(Model::RK422, 1, 0), 0},
-      {"RK422 mask byte 4", fitted(chassisConfig(Model::RK422), 0x100001), 0},
-      {"RK423 any slot is 0", chassisConfig(Model::RK423), 1},
-      {"RK423B has no slot 1", chassisConfig(Model::RK423B), 1},
-      // Slot 1: the card type picks the geometry.
-      {"RK420 card type 0", slot1(Model::RK420, 0), 1},
-      {"card type 1", slot1(Model::RK420B, 1), 1},
-      {"card type 11", slot1(Model::RK420B, 11), 1},
-      {"card type 12", slot1(Model::RK420B, 12), 1},
-      {"card type 2", slot1(Model::RK420, 2), 1},
-      {"card type 13", slot1(Model::RK420, 13), 1},
-      {"no card", chassisConfig(Model::RK420), 1},
-      {"card hardware 0.9", slot1(Model::RK420, 0, 9), 1},
-      // Slot 2 follows the chassis type in the identity reply, read where
-      // the controller's firmware puts it (the layout changed at 3.06).
-      {"slot 2 on 2.6", slot2(Model::RK420, 2, 6), 2},
-      {"slot 2 on 2.7", slot2(Model::RK420, 2, 7), 2},
-      {"RK420B slot 2 on 3.05", slot2(Model::RK420B, 3, 5), 2},
-      {"RK420B card on 4.0", slot2(Model::RK420, 4, 0, 1051), 2},
-      {"unknown card on 3.06", slot2(Model::RK420, 3, 6, 1066), 2},
-      {"unknown card on 3.05", slot2(Model::RK420B, 3, 5, 1099), 2},
-      {"slot 2 empty", slot2(Model::RK420, 3, 6, 0, false), 2},
-  };
-  std::ostringstream out;
-  for (const auto &c : cases) {
-    const Connection conn = qbtest::connectChassis(c.chassis);
+  qbgolden::expectTable("open_transcript.txt", [](const std::string &input) {  // "slot N {chassis}"
+    const size_t brace = input.find('{');
+    const Connection conn = qbtest::connectResources(qbsim::parseBench(
+        R"({"version": 1, "resources": [{"name": "GPIB0::5::INSTR", "chassis": )" + input.substr(brace) + "}]}")
+        .resources).front();
     uint64_t kind = 77;
-    const int32_t status = QBVISA_OpenSpecifiedCard(conn.session, c.slot, &kind);
-    out << c.what << ": " << status;
+    const int32_t status = QBVISA_OpenSpecifiedCard(conn.session, std::stoull(input.substr(5, brace - 5)), &kind);
+    std::ostringstream out;
+    out << input << '\t' << status;
     if (status == 0) {
       out << " kind " << kind << ':';
       const SlotArea &s = conn.record->slots[kind];
@@ -119,9 +71,8 @@ TEST(OpenTest, SlotsPerModelCardAndFirmware) {
                     int{s.subMatrixGroup[0]}, int(std::count(s.cardPresent, s.cardPresent + 21, 1))})
         out << ' ' << v;
     }
-    out << ";" << hex(qbsim::writes(conn.resource)) << '\n';
-  }
-  qbgolden::expectGolden("open_transcript.txt", out.str());
+    return out.str() + ";" + hex(qbsim::writes(conn.resource));
+  });
 }
 
 // Refusals against the reviewed list (tests/data/open_refusals.txt): calls
@@ -172,7 +123,9 @@ TEST(OpenTest, RecordWordsOlderProgramsRead) {
 
 // An identity query read back with no bytes at all names no card type.
 TEST(OpenTest, EmptyIdentityReplyIsNoCardType) {
-  const Connection c = qbtest::connectChassis(slot2(Model::RK420, 3, 6));
+  qbsim::ChassisConfig card = chassisConfig(Model::RK420);
+  card.slot2Present = true;
+  const Connection c = qbtest::connectChassis(card);
   qbtest::Scope tap;
   static bool identity = false;
   qbtest::onWrite = [](Bytes &frame) { identity = frame[0] == 8; };
@@ -195,39 +148,20 @@ TEST(OpenTest, NewLayoutFromFirmware306) {
   EXPECT_FALSE(IsNewVer_3_06(nullptr));
 }
 
-// A get (wanted -1) or a set of the control mode of a chassis under remote
-// control, and initialising or clearing a chassis with relays closed (every
-// relay opens, on the chassis and in the library's copy of the array), against
-// the reviewed transcript (tests/data/control_transcript.txt): status, the
-// mode a get leaves (9: left alone) and the requests.
+// Getting or setting the control mode, and initialising or clearing with
+// relays closed: every relay opens, on the chassis and in the library's copy.
 TEST(ControlModeTest, GetSetInitAndClear) {
-  const struct {
-    const char *what;
-    Model model;
-    int64_t wanted;
-    std::optional<qbsim::Fault> fault = {};
-  } modes[] = {
-      {"get remote", Model::RK421, -1},
-      {"set to local", Model::RK421, 0},
-      {"set, already remote", Model::RK421, 1},
-      // An unanswered query is no reason to skip the request.
-      {"set, query fails", Model::RK421, 1, qbsim::Fault::ReadFails},
-      // Any value goes to the chassis; the word carries its low 16 bits.
-      {"set odd value", Model::RK421, 0x10007},
-      // Only the RK421 has a front panel that can take control.
-      {"RK420 get", Model::RK420, -1},
-      {"RK423B set", Model::RK423B, 1},
-  };
+  qbgolden::expectTable("control_modes.txt", [](const std::string &input) {  // "MODEL get|set [VALUE [FAULT]]"
+    std::istringstream in(input);
+    std::string model, op, fault;
+    uint32_t wanted = 0, mode = 9;
+    in >> model >> op >> wanted >> fault;
+    const Connection c = qbtest::connectChassis(chassisConfig(Model(qbvisa::modelByName(model.c_str())->typeCode)));
+    if (!fault.empty()) qbsim_inject_fault(c.resource.c_str(), fault.c_str());
+    const int32_t status = op == "get" ? QBVISA_GetControlMode(c.session, &mode) : QBVISA_SetControlMode(c.session, wanted);
+    return input + "\t" + std::to_string(status) + " mode " + std::to_string(mode) + ";" + hex(qbsim::writes(c.resource));
+  });
   std::ostringstream out;
-  for (const auto &c : modes) {
-    const Connection conn = qbtest::connectChassis(qbtest::chassisConfig(c.model));
-    if (c.fault) qbsim::injectFault(conn.resource, *c.fault);
-    uint32_t mode = 9;
-    out << c.what << ": "
-        << (c.wanted < 0 ? QBVISA_GetControlMode(conn.session, &mode)
-                         : QBVISA_SetControlMode(conn.session, static_cast<uint32_t>(c.wanted)))
-        << " mode " << mode << ";" << hex(qbsim::writes(conn.resource)) << '\n';
-  }
   // Initialising also asks an RK420 for its firmware version and takes an
   // RK421 out of front-panel control (asking for the mode once more before
   // it changes it). The RK422's frame is larger than the request buffer and

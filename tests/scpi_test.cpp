@@ -1,9 +1,6 @@
-// Text commands: which command id and argument a line yields, crosspoint lists
-// (points, subunit and error text for the telling inputs, and the bounds that
-// keep hostile lists harmless), and end to end on the simulated bench the
-// reply of every outcome, the bits a list sets in the relay image and the
-// bytes that reach the chassis. Also the small shared helpers, each held to
-// its exact behaviour.
+// Text commands: the command id and argument a line yields, crosspoint lists
+// and the bounds that keep hostile lists harmless, and on the simulated bench
+// the replies, the relay image bits and the bytes on the wire; and the helpers.
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
@@ -43,21 +40,8 @@ struct Parsed {
   std::string message;
 };
 
-// A reviewed table under tests/data rendered again: comments stay, each row
-// is rendered from its input (up to the first tab) and the whole compared, so
-// a wrong field shows with its input.
-template <typename Render>
-void expectTable(const char *file, Render render) {
-  std::ifstream in(std::string(QBVISA_TEST_DATA "/") + file);
-  EXPECT_TRUE(in.good()) << file;
-  std::string rendered;
-  for (std::string row; std::getline(in, row);)
-    if (!row.empty() && row[0] != '#') rendered += render(row.substr(0, row.find('\t'))) + "\n";
-  qbgolden::expectGolden(file, rendered);
-}
-
 TEST(LineMatching, TableEntriesYieldTheirIdAndArgument) {
-  expectTable("scpi_lines.tsv", [](const std::string &line) {
+  qbgolden::expectTable("scpi_lines.tsv", [](const std::string &line) {
     char message[64] = "untouched";
     char argument[QBVISA_SCPI_ARGUMENT_SIZE];
     std::memset(argument, '#', sizeof argument);
@@ -93,7 +77,7 @@ Parsed parse(const std::string &text) {
 }
 
 TEST(ListParsing, YieldsPointsSubunitAndMessage) {
-  expectTable("crosspoint_lists.tsv", [](const std::string &input) {
+  qbgolden::expectTable("crosspoint_lists.tsv", [](const std::string &input) {
     const Parsed parsed = parse(input);
     std::string rendered = input + "\t" + std::to_string(parsed.subunit) + "\t";
     for (const auto &[r, c] : parsed.points)
@@ -338,23 +322,18 @@ TEST_F(ScpiBench, RepliesOfQueriesRefusalsAndTransportFailures) {
       {"remote421", remote421}, {"local421", local421}, {"rk420", rk420}};
   const std::map<std::string, Fault> faults = {
       {"WriteFails", Fault::WriteFails}, {"ReadFails", Fault::ReadFails}, {"FailureReply", Fault::FailureReply}};
-  std::ifstream table(QBVISA_TEST_DATA "/scpi_replies.tsv");
-  ASSERT_TRUE(table.good());
-  std::string rendered;
-  for (std::string row; std::getline(table, row);) {
-    if (row.empty() || row[0] == '#') continue;
-    std::istringstream fields(row);
+  qbgolden::expectTable("scpi_replies.tsv", [&](const std::string &input) {
+    std::istringstream fields(input);
     std::string chassis, fault, line;
     std::getline(fields, chassis, '\t'), std::getline(fields, fault, '\t'), std::getline(fields, line, '\t');
     const uint32_t session = sessions.at(chassis);
     if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
-    row = chassis + "\t" + fault + "\t" + line + "\t" + query(session, line);
+    const std::string reply = query(session, line);
     if (fault != "-") qbsim::injectFault(kRemote421, faults.at(fault));
     EXPECT_EQ(QBVISA_SCPIWrite(session, line.c_str()), 0);
-    EXPECT_EQ(Record(session)->scpiReply, row.substr(row.rfind('\t') + 1)) << line;  // the write's reply too
-    rendered += row + "\n";
-  }
-  qbgolden::expectGolden("scpi_replies.tsv", rendered);
+    EXPECT_EQ(Record(session)->scpiReply, reply) << line;  // the write's reply too
+    return input + "\t" + reply;
+  }, 3);
   // Nothing above sent a setting.
   for (uint16_t command : Commands(kLocal421)) EXPECT_NE(command, 6);
   for (uint16_t command : Commands(kRemote421)) EXPECT_TRUE(command != 20 && command != 48);

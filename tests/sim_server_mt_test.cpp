@@ -6,32 +6,21 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "qbsim.hpp"
+#include "rack_server.hpp"
 #include "visa_api.h"
 
 namespace {
 
-namespace fs = std::filesystem;
+using SimServerThreadsTest = qbtest::RackServer;
 
-TEST(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
-  char pattern[] = "/tmp/qbsim_server_mt_test.XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  const fs::path dir = pattern;
-  const std::string socket = (dir / "rack.sock").string();
-  const std::string sim =
-      (fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "sim/qbvisa-sim").string();
-  setenv("QBSIM_SERVER", socket.c_str(), 1);
-  unsetenv("QBSIM_BENCH");
-  ASSERT_EQ(std::system(("'" + sim + "' serve --no-lan --background --socket '" + socket + "'").c_str()),
-            0);
-
+TEST_F(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
+  start();
   // The child, forked before any thread, runs the same work beside them.
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -74,8 +63,6 @@ TEST(SimServerThreadsTest, EachSessionOfEachThreadReadsItsOwnReplies) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the other process: " << status;
   EXPECT_EQ(wrong.load(), 0);
   EXPECT_EQ(viClose(manager), VI_SUCCESS);
-  EXPECT_EQ(std::system(("'" + sim + "' stop --socket '" + socket + "'").c_str()), 0);
-  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -1,15 +1,10 @@
-// Runs qbvisa-sim on a temporary socket and uses its rack from several
-// processes: this test program (the simulated libvisa.so forwarding to the
-// server), the qbvisa tool and the qbvisa-sim commands. Every test runs in a
-// process of its own (CTest runs each one separately), so QBSIM_SERVER set
-// here applies from the first VISA call on. What the programs print, their
-// exit statuses and what this program saw go to one transcript per test,
-// compared whole with a reviewed file under tests/data.
+// One rack server used from several processes: this program (the simulated
+// libvisa.so forwarding to the server), the qbvisa tool and the qbvisa-sim
+// commands, each test's transcript compared whole. CTest runs every test in a
+// process of its own, so the fixture's QBSIM_SERVER holds from the first call.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,10 +15,10 @@
 #include <fstream>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "golden.hpp"
+#include "rack_server.hpp"
 #include "qbsim.hpp"
 #include "qbvisa.h"
 #include "visa_api.h"
@@ -31,6 +26,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qbtest::buildDir;
 
 const std::string kRK420 = "GPIB0::5::INSTR";
 const std::string kRK421 = "USB0::0x1A2B::0x0421::RK421001::INSTR";
@@ -39,52 +35,8 @@ const std::string kRK421 = "USB0::0x1A2B::0x0421::RK421001::INSTR";
 // control mode and closed relays (the rest is the bench file's).
 const char *const kStateKept = "\"(name|model|controlMode|closedRelays)\"";
 
-fs::path buildDir() { return fs::read_symlink("/proc/self/exe").parent_path().parent_path(); }
-
-class SimServerTest : public ::testing::Test {
+class SimServerTest : public qbtest::RackServer {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qbsim_server_test.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern, socket_ = dir_ / "rack.sock";
-    setenv("QBSIM_SERVER", socket_.c_str(), 1);
-    unsetenv("QBSIM_BENCH");
-  }
-  void TearDown() override {
-    killServer();
-    fs::remove_all(dir_);
-  }
-  void killServer() {
-    if (pid_ > 0) kill(pid_, SIGCONT), kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
-  // Starts the server (no VXI-11: the test shares the machine's network)
-  // and waits until its socket answers.
-  void start(std::vector<std::string> args = {}) {
-    args.insert(args.begin(), {(buildDir() / "sim/qbvisa-sim").string(), "serve", "--no-lan",
-                               "--socket", socket_.string()});
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ASSERT_EQ(posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
-    for (int i = 0; i < 200 && !answers(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_TRUE(answers()) << "qbvisa-sim did not start";
-  }
-
-  // A raw connection to the server's socket, or -1.
-  int connectRaw() const {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{AF_UNIX, {}};
-    socket_.string().copy(address.sun_path, sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
-    return close(fd), -1;
-  }
-  bool answers() const {
-    const int fd = connectRaw();
-    return fd >= 0 && close(fd) == 0;
-  }
-
   // Ends the server as a user would (qbvisa-sim stop, or a signal) and
   // waits for it.
   void stop(int signal = 0) {
@@ -120,8 +72,6 @@ class SimServerTest : public ::testing::Test {
     return session;
   }
 
-  fs::path dir_, socket_;
-  pid_t pid_ = -1;
   std::string log_;
 };
 

@@ -1,11 +1,7 @@
 // Switching end to end on the simulated bench: a caller's bit array in, the
-// relays the chassis reports closed out, and the exact frames in between.
-// Then a randomized differential test: the frame a registry record's prepared
-// table builds against the one the point-by-point builder gives for a copy of
-// the record outside the registry, over every model, both RK420 firmware
-// generations, random fitted sub-matrices, densities from empty to full,
-// random word counts, bent geometry and location entries, and LT flags.
-// QBVISA_SWITCHING_SEED replays a run.
+// exact frames and the relays the chassis closes out. Then a randomized
+// differential test of the prepared tables against the point-by-point builder
+// over every model and firmware generation (QBVISA_SWITCHING_SEED replays a run).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -80,10 +76,9 @@ std::string transcript(const Connection &c, const std::string &what, const std::
   return transcriptOf(c, what, [&] { return opMatrix(c, words); });
 }
 
-// Frames and closed relays against the reviewed transcript
-// (tests/data/switching_transcript.txt). A point closes its crosspoint and the
-// isolation relays its kind needs, on the board of its sub-matrix; bit group g
-// of board b travels as frame word 2 + b*W + (W-1-g).
+// A point closes its crosspoint and the isolation relays its kind needs, on
+// the board of its sub-matrix; bit group g of board b travels as frame word
+// 2 + b*W + (W-1-g).
 TEST(SwitchingTest, FramesAndRelaysMatchTheReviewedTranscript) {
   std::string out;
   struct Case {
@@ -232,11 +227,9 @@ TEST(SwitchingTest, UnlockedSwitching) {
   EXPECT_EQ(opMatrix(c, words), 0);
 }
 
-// Slot and argument rules, and word counts, against the reviewed transcript
-// (tests/data/switching_rules.txt), "kept 1" where the last array holds what it
-// should: no words open every relay and leave the last array as it was; words
-// beyond the limit are not switched but are kept (every model's limit covers
-// its points, so it is lowered here).
+// "kept 1" where the last array holds what it should: no words open every
+// relay and leave the last array as it was; words beyond the limit are kept
+// but not switched (every model's limit covers its points, so it is lowered).
 TEST(SwitchingTest, SlotArgumentAndWordCountRules) {
   std::string out;
   uint32_t word = 1;

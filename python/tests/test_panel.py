@@ -14,11 +14,8 @@ import qbvisa.panel
 from qbvisa import sim
 from qbvisa._locks import process_lock
 from qbvisa.panel.relays import crosspoint_relays, own_relays, relay_count
+from test_chassis import GAPPED_RK420, RK420
 from test_errors_points import DATA, expect_golden
-
-RK420 = "GPIB0::5::INSTR"
-GAPPED_RK420 = {"version": 1, "resources": [
-    {"name": RK420, "chassis": {"model": "RK420", "presenceMask": 0b00101}}]}
 
 
 @pytest.fixture
