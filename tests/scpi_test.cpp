@@ -278,7 +278,7 @@ class ScpiBench : public ::testing::Test {
   void SetUp() override {
     qbsim::Resource local = qbtest::Chassis(kLocal421, qbsim::Model::RK421);
     local.chassis.controlMode = 0;
-    local.chassis.lanMode = 1;
+    local.chassis.lanMode = 2;  // neither manual nor automatic
     local.chassis.boardInPlace = {1, 0, 1, 1};
     local.chassis.spiLoop = {0, 1, 1, 0};
     const auto sessions = qbtest::Connect(
@@ -356,6 +356,7 @@ TEST_F(ScpiBench, Transcript) {
   step(remote421, kRemote421, ":SYSemT:COMMunication:LAN:IP:ADDRess 192.168.1.33");
   // The chassis takes seconds over a LAN-mode change: the one slow step here.
   step(remote421, kRemote421, ":SYST:COM:LAN:SET:MODE AUTO");
+  step(remote421, kRemote421, ":SYST:COMM:LAN:MODE?");
   const qbsim::ChassisConfig state = qbsim::chassisState(kRemote421);
   out << "gpib " << +state.gpibAddress << " ip " << +state.ip[3] << " lan mode " << +state.lanMode << '\n';
   // A control mode is only taken from remote control with the relays
