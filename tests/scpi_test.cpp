@@ -346,7 +346,11 @@ TEST_F(ScpiBench, Transcript) {
   std::ostringstream out;
   const auto step = [&out](uint32_t session, const char *name, const std::string &line) {
     out << line << " -> " << query(session, line) << ";";
-    for (uint16_t command : Commands(name)) out << ' ' << command;
+    for (const auto &frame : qbsim::writes(name)) {
+      const std::vector<uint16_t> words = qbtest::Words(frame);
+      out << ' ' << words.at(0);
+      if (words.at(0) == 48) out << '/' << words.at(2);  // the LAN mode sent
+    }
     if (name == kRemote421)
       for (int word : {0, 1, 200, 374, 375}) out << (word ? " " : "; words ") << std::hex << imageWord(session, word) << std::dec;
     out << "; " << qbsim::closedRelays(name).size() << " closed\n";
@@ -357,6 +361,9 @@ TEST_F(ScpiBench, Transcript) {
   // The chassis takes seconds over a LAN-mode change: the one slow step here.
   step(remote421, kRemote421, ":SYST:COM:LAN:SET:MODE AUTO");
   step(remote421, kRemote421, ":SYST:COMM:LAN:MODE?");
+  // Refused by the chassis, so no wait: the mode sent still shows.
+  qbsim::injectFault(kRemote421, qbsim::Fault::FailureReply);
+  step(remote421, kRemote421, ":SYST:COM:LAN:SET:MODE MANUAL");
   const qbsim::ChassisConfig state = qbsim::chassisState(kRemote421);
   out << "gpib " << +state.gpibAddress << " ip " << +state.ip[3] << " lan mode " << +state.lanMode << '\n';
   // A control mode is only taken from remote control with the relays
