@@ -111,6 +111,21 @@ struct Transcript {
   }
 };
 
+// Searching again closes the manager of the search before and every session
+// it opened: repeated searches leak nothing, and a stale session is refused.
+TEST(DiscoveryTest, ASearchClosesTheSearchBefore) {
+  qbsim::setBench(qbsim::Bench{{Chassis("GPIB0::5::INSTR", Model::RK420)}});
+  QBVISA_ResourceEntry found[5];
+  uint32_t count = 0;
+  ASSERT_EQ(QBVISA_FindRsrc(found, &count), 0);
+  const uint32_t firstSession = globalChassisInfo[0].session;
+  ASSERT_EQ(QBVISA_FindRsrc(found, &count), 0);
+  EXPECT_NE(globalChassisInfo[0].session, firstSession);
+  EXPECT_TRUE(answers(0));
+  globalChassisInfo[0].session = firstSession;
+  EXPECT_FALSE(answers(0));
+}
+
 TEST(DiscoveryTest, BenchesAgainstTheTranscript) {
   Transcript t;
   // Only the maker's chassis are kept; PXI is not searched for. A reply
