@@ -229,14 +229,15 @@ TEST(UtilitiesTest, Transcript) {
                          "192.168.1.1.1", "192.168.1.-1", "192.168.1.1 ", "", (const char *)nullptr})
     out << "\nvalidIPAddress " << (ip ? ip : "null") << ": " << validIPAddress(ip);
   // Byte i into bit i, byte 0 first: a byte above 1 spills into the next
-  // bit, and one shifted out of the word still counts.
-  for (const char *digits : {"1000000000000001", "0002000000000000", "0000000000000002"}) {
+  // bit, and one shifted out of the word still counts. No bytes count none.
+  for (const char *digits : {"1000000000000001", "0002000000000000", "0000000000000002", (const char *)nullptr}) {
     uint8_t flags[16];
-    for (int i = 0; i < 16; ++i) flags[i] = static_cast<uint8_t>(digits[i] - '0');
+    for (int i = 0; digits != nullptr && i < 16; ++i) flags[i] = static_cast<uint8_t>(digits[i] - '0');
     int32_t ones = -1;
-    out << "\nArrayToU16 " << digits << ": " << ArrayToU16(flags, &ones);
+    out << "\nArrayToU16 " << (digits ? digits : "null") << ": " << ArrayToU16(digits ? flags : nullptr, &ones);
     out << ' ' << ones;
   }
+  out << "\nArrayToU16 null, no count: " << ArrayToU16(nullptr, nullptr);
   out << '\n';
   qbgolden::expectGolden("utilities_transcript.txt", out.str());
 }
