@@ -228,6 +228,8 @@ TEST(UtilitiesTest, Transcript) {
                          "0192.168.1.1", "192.168.1.1000", "192.168.2.5", "192.168.1", "192.168.1.",
                          "192.168.1.1.1", "192.168.1.-1", "192.168.1.1 ", "", (const char *)nullptr})
     out << "\nvalidIPAddress " << (ip ? ip : "null") << ": " << validIPAddress(ip);
+  // Three fields, and a fourth behind the terminator that must not be read.
+  out << "\nvalidIPAddress 192.168.1<NUL>5: " << validIPAddress("192.168.1\0" "5");
   // Byte i into bit i, byte 0 first: a byte above 1 spills into the next
   // bit, and one shifted out of the word still counts. No bytes count none.
   for (const char *digits : {"1000000000000001", "0002000000000000", "0000000000000002", (const char *)nullptr}) {
